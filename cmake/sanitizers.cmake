@@ -1,0 +1,10 @@
+# Applied to the whole tree so that the library, its tests and tools agree on one runtime.
+if(HALYX_SANITIZE)
+  set(_halyx_san_flags -fsanitize=${HALYX_SANITIZE} -fno-omit-frame-pointer -g)
+  if(HALYX_SANITIZE MATCHES "undefined")
+    list(APPEND _halyx_san_flags -fno-sanitize-recover=undefined)
+  endif()
+  add_compile_options(${_halyx_san_flags})
+  add_link_options(${_halyx_san_flags})
+  string(REPLACE ";" " " HALYX_SANITIZE_FLAGS "${_halyx_san_flags}")
+endif()

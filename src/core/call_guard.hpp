@@ -1,0 +1,55 @@
+#pragma once
+
+#include <exception>
+#include <utility>
+
+#include "core/halyx_exception.hpp"
+#include "halyx.h"
+
+namespace HALYX::detail {
+
+// Log at error level and store as the context's last error (when there is one).
+halyx_errorcode_t recordFailure(halyx_context* context, const HALYXException& e) noexcept;
+halyx_errorcode_t recordFailure(halyx_context* context, const std::exception& e) noexcept;
+halyx_errorcode_t missingContext() noexcept;
+
+} // namespace HALYX::detail
+
+namespace HALYX {
+
+// Runs one export's body: no exception leaves it. A HALYXException becomes its
+// code, any other standard exception code 1, anything else code 1 with
+// nothing stored. A code the body returns without throwing is not stored.
+template <typename Body>
+halyx_errorcode_t guardedCall(halyx_context* context, Body&& body) noexcept
+{
+    if (context == nullptr) {
+        return detail::missingContext();
+    }
+    try {
+        return std::forward<Body>(body)(*context);
+    } catch (const HALYXException& e) {
+        return detail::recordFailure(context, e);
+    } catch (const std::exception& e) {
+        return detail::recordFailure(context, e);
+    } catch (...) {
+        return HALYX_ERR_GENERAL;
+    }
+}
+
+// For the exports that have no context: failures are logged, not stored.
+template <typename Body>
+halyx_errorcode_t guardedCallWithoutContext(Body&& body) noexcept
+{
+    try {
+        return std::forward<Body>(body)();
+    } catch (const HALYXException& e) {
+        return detail::recordFailure(nullptr, e);
+    } catch (const std::exception& e) {
+        return detail::recordFailure(nullptr, e);
+    } catch (...) {
+        return HALYX_ERR_GENERAL;
+    }
+}
+
+} // namespace HALYX

@@ -1,0 +1,83 @@
+#include "core/context.hpp"
+
+#include "core/logging.hpp"
+
+namespace {
+
+std::atomic<uint64_t> context_counter{0};
+
+} // namespace
+
+halyx_context::halyx_context()
+    : number(++context_counter), log_subscriber_(std::make_shared<HALYX::LogSubscriber>())
+{
+    // Fetch (or create) the process-wide logger before anything logs.
+    HALYX::Log::logger();
+}
+
+halyx_context::~halyx_context()
+{
+    tasks.cancelAllAndWait();
+    unregisterLogCallback();
+    log_subscriber_->stop();
+}
+
+void halyx_context::shutDown()
+{
+    tasks.cancelAllAndWait();
+    halyx_shutdown_callback_t callback = nullptr;
+    {
+        std::lock_guard lock(shutdown_mutex_);
+        callback = shutdown_callback_;
+    }
+    if (callback != nullptr) {
+        callback(this);
+    }
+    unregisterLogCallback();
+    log_subscriber_->stop();
+}
+
+halyx_timeout_configuration_t halyx_context::timeouts()
+{
+    std::lock_guard lock(context_mutex_);
+    return timeouts_;
+}
+
+void halyx_context::setTimeouts(const halyx_timeout_configuration_t& timeouts)
+{
+    std::lock_guard lock(context_mutex_);
+    timeouts_ = timeouts;
+}
+
+void halyx_context::setShutdownCallback(halyx_shutdown_callback_t callback)
+{
+    std::lock_guard lock(shutdown_mutex_);
+    shutdown_callback_ = callback;
+}
+
+void halyx_context::setConfiguration(HALYX::ConfigurationMap configuration)
+{
+    std::lock_guard lock(configuration_mutex_);
+    configuration_ = std::move(configuration);
+}
+
+bool halyx_context::registerLogCallback(halyx_log_callback_t callback, void* user_data)
+{
+    std::lock_guard lock(log_subscriber_->registrationMutex());
+    if (!log_subscriber_->setCallback(callback, user_data)) {
+        return false;
+    }
+    if (auto sink = HALYX::Log::sink()) {
+        sink->subscribe(log_subscriber_);
+    }
+    return true;
+}
+
+void halyx_context::unregisterLogCallback()
+{
+    std::lock_guard lock(log_subscriber_->registrationMutex());
+    if (auto sink = HALYX::Log::sink()) {
+        sink->unsubscribe(log_subscriber_.get());
+    }
+    log_subscriber_->clearCallback();
+}
