@@ -1,6 +1,7 @@
 #include "core/context.hpp"
 
 #include "core/logging.hpp"
+#include "devices/device_lister.hpp"
 
 namespace {
 
@@ -8,8 +9,17 @@ std::atomic<uint64_t> context_counter{0};
 
 } // namespace
 
-halyx_context::halyx_context()
-    : number(++context_counter), log_subscriber_(std::make_shared<HALYX::LogSubscriber>())
+HALYX::ContextParts HALYX::defaultContextParts()
+{
+    // The host's USB lister joins here with the platform layer.
+    return ContextParts{nullptr, builtinPluginFactories()};
+}
+
+halyx_context::halyx_context(HALYX::ContextParts parts)
+    : number(++context_counter),
+      plugins(parts.plugins),
+      lister(std::make_unique<HALYX::DeviceLister>(this, std::move(parts.lister), plugins.plugins())),
+      log_subscriber_(std::make_shared<HALYX::LogSubscriber>())
 {
     // Fetch (or create) the process-wide logger before anything logs.
     HALYX::Log::logger();
@@ -25,6 +35,7 @@ halyx_context::~halyx_context()
 void halyx_context::shutDown()
 {
     tasks.cancelAllAndWait();
+    lister->shutDown();
     halyx_shutdown_callback_t callback = nullptr;
     {
         std::lock_guard lock(shutdown_mutex_);
@@ -47,6 +58,7 @@ void halyx_context::setTimeouts(const halyx_timeout_configuration_t& timeouts)
 {
     std::lock_guard lock(context_mutex_);
     timeouts_ = timeouts;
+    lister->setTimeouts(timeouts);
 }
 
 void halyx_context::setShutdownCallback(halyx_shutdown_callback_t callback)
@@ -58,7 +70,26 @@ void halyx_context::setShutdownCallback(halyx_shutdown_callback_t callback)
 void halyx_context::setConfiguration(HALYX::ConfigurationMap configuration)
 {
     std::lock_guard lock(configuration_mutex_);
+    lister->configure(configuration);
     configuration_ = std::move(configuration);
+}
+
+void halyx_context::startEvents()
+{
+    std::lock_guard lock(context_mutex_);
+    lister->startEvents();
+}
+
+void halyx_context::stopEvents()
+{
+    std::lock_guard lock(context_mutex_);
+    lister->stopEvents();
+}
+
+std::string halyx_context::deviceJson(uint64_t id)
+{
+    std::lock_guard lock(context_mutex_);
+    return lister->deviceJson(id);
 }
 
 bool halyx_context::registerLogCallback(halyx_log_callback_t callback, void* user_data)

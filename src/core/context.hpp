@@ -9,22 +9,37 @@
 #include "core/last_error.hpp"
 #include "core/log_subscriber.hpp"
 #include "core/task_table.hpp"
+#include "devices/lister.hpp"
+#include "devices/plugin_registry.hpp"
 #include "halyx.h"
 
 namespace HALYX {
 
+class DeviceLister;
+
 constexpr halyx_timeout_configuration_t kDefaultTimeouts{60000, 60, 30000, 30000};
+
+// What a context is built from: the host's asynchronous lister (none on a
+// host without one) and the plugin factories. Tests hand in their own.
+struct ContextParts {
+    std::unique_ptr<AsyncLister> lister;
+    std::vector<PluginRegistry::Factory> plugins;
+};
+
+// The parts of this build for this host.
+ContextParts defaultContextParts();
 
 } // namespace HALYX
 
 // The unit of use of the library. Owns its tasks, log subscription and last
 // error; every export reaches its state through here.
 //
-// Locks: context_mutex guards timeouts and the event-handler calls;
+// Locks: context_mutex_ guards timeouts, device lookups for operations and
+// the event-handler calls;
 // shutdown_mutex guards the shutdown callback; configuration_mutex the map;
 // the task table, last error and log subscriber carry their own.
 struct halyx_context {
-    halyx_context();
+    explicit halyx_context(HALYX::ContextParts parts);
     ~halyx_context();
     halyx_context(const halyx_context&) = delete;
     halyx_context& operator=(const halyx_context&) = delete;
@@ -41,6 +56,12 @@ struct halyx_context {
 
     void setConfiguration(HALYX::ConfigurationMap configuration);
 
+    void startEvents();
+    void stopEvents();
+
+    // The device's document, fetched under the context mutex.
+    std::string deviceJson(uint64_t id);
+
     // Registration of the application's log callback; false when one is
     // already registered.
     bool registerLogCallback(halyx_log_callback_t callback, void* user_data);
@@ -48,6 +69,9 @@ struct halyx_context {
 
     const uint64_t number;
     HALYX::LastError last_error;
+    const HALYX::PluginRegistry plugins;
+    // Declared before the task table so that tasks, which may use it, end first.
+    const std::unique_ptr<HALYX::DeviceLister> lister;
     HALYX::ASYNC::TaskTable tasks;
 
 private:

@@ -1,6 +1,8 @@
 // Context lifecycle and configuration.
 #include <memory>
 
+#include <nlohmann/json.hpp>
+
 #include "core/call_guard.hpp"
 #include "core/context.hpp"
 #include "core/logging.hpp"
@@ -15,7 +17,7 @@ HALYX_API halyx_errorcode_t halyx_create_context(halyx_context** context)
         if (context == nullptr) {
             throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_create_context: 'context' cannot be NULL");
         }
-        *context = std::make_unique<halyx_context>().release();
+        *context = std::make_unique<halyx_context>(HALYX::defaultContextParts()).release();
         return HALYX_SUCCESS;
     });
 }
@@ -67,6 +69,51 @@ HALYX_API halyx_errorcode_t halyx_register_shutdown_event(halyx_context* context
         ctx.setShutdownCallback(callback);
         return HALYX_SUCCESS;
     });
+}
+
+HALYX_API halyx_errorcode_t halyx_start_eventhandler(halyx_context* context)
+{
+    return HALYX::guardedCall(context, [](halyx_context& ctx) {
+        ctx.startEvents();
+        return HALYX_SUCCESS;
+    });
+}
+
+HALYX_API halyx_errorcode_t halyx_stop_eventhandler(halyx_context* context)
+{
+    return HALYX::guardedCall(context, [](halyx_context& ctx) {
+        ctx.stopEvents();
+        return HALYX_SUCCESS;
+    });
+}
+
+namespace {
+
+halyx_errorcode_t reportNames(halyx_context* context, halyx_json_callback_t callback, void* user_data,
+                              std::vector<std::string> (HALYX::PluginRegistry::*names)() const, const char* function)
+{
+    return HALYX::guardedCall(context, [&](halyx_context& ctx) {
+        if (callback == nullptr) {
+            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, std::string(function) + ": 'callback' cannot be NULL");
+        }
+        const auto text = nlohmann::json((ctx.plugins.*names)()).dump();
+        callback(user_data, text.c_str());
+        return HALYX_SUCCESS;
+    });
+}
+
+} // namespace
+
+HALYX_API halyx_errorcode_t halyx_available_plugins(halyx_context* context, halyx_json_callback_t callback,
+                                                    void* user_data)
+{
+    return reportNames(context, callback, user_data, &HALYX::PluginRegistry::names, "halyx_available_plugins");
+}
+
+HALYX_API halyx_errorcode_t halyx_available_traits(halyx_context* context, halyx_json_callback_t callback,
+                                                   void* user_data)
+{
+    return reportNames(context, callback, user_data, &HALYX::PluginRegistry::traits, "halyx_available_traits");
 }
 
 } // extern "C"

@@ -1,0 +1,63 @@
+#include "core/dispatch.hpp"
+
+#include "core/context.hpp"
+#include "core/halyx_exception.hpp"
+#include "core/logging.hpp"
+
+namespace HALYX {
+namespace {
+
+void complete(const DispatchRequest& request, uint64_t task_id, halyx_errorcode_t code, const std::string& message)
+{
+    if (request.complete == nullptr) {
+        return;
+    }
+    try {
+        request.complete(request.callbacks.context, halyx_complete_t{task_id, code, message.c_str(),
+                                                                     request.callbacks.user_data});
+    } catch (...) {
+        // An application callback that throws must not change the outcome.
+    }
+}
+
+} // namespace
+
+void dispatch(halyx_context& context, DispatchRequest request, OperationBody body)
+{
+    if (request.taskId == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             request.options.operation + ": 'task_id' cannot be NULL");
+    }
+    auto device = context.deviceJson(request.deviceId);
+    auto plugin = context.plugins.select(device, request.options);
+    if (!plugin) {
+        throw HALYXException(HALYX_ERR_NO_MATCHING_TRAIT, "no matching trait found");
+    }
+    Log::debug("dispatch: {} on device {} through plugin {}", request.options.operation, request.deviceId,
+               plugin->getName());
+
+    request.callbacks.context = &context;
+    uint64_t* const task_id_out = request.taskId;
+    *task_id_out = context.tasks.add(
+        [request = std::move(request), device = std::move(device), plugin = std::move(plugin),
+         body = std::move(body)](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
+            Operation operation(task, request.options, request.mcuEndState, request.callbacks);
+            try {
+                operation.throwIfCancelled();
+                body(*plugin, device, operation);
+            } catch (const HALYXException& e) {
+                complete(request, task.id(), e.code(), e.what());
+                throw;
+            } catch (const std::exception& e) {
+                complete(request, task.id(), HALYX_ERR_GENERAL, e.what());
+                throw;
+            } catch (...) {
+                complete(request, task.id(), HALYX_ERR_GENERAL, "unknown error");
+                throw;
+            }
+            complete(request, task.id(), HALYX_SUCCESS, std::string());
+            return HALYX_SUCCESS;
+        });
+}
+
+} // namespace HALYX

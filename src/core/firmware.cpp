@@ -1,0 +1,60 @@
+#include "core/firmware.hpp"
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <system_error>
+
+#include <fmt/format.h>
+
+#include "core/halyx_exception.hpp"
+
+namespace HALYX {
+namespace {
+
+void checkReadableFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (file) {
+        return;
+    }
+    const int error = errno;
+    if (error == ENOENT || error == ENOTDIR) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             fmt::format("file does not exist: {} (error code: {}, error_message )", path, error));
+    }
+    throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                         fmt::format("Other error when trying to open file: {} (error code: {}, error_message )",
+                                     path, error));
+}
+
+} // namespace
+
+halyx_firmware* createFirmware(const uint8_t* data, size_t size, uint32_t source_kind, uint32_t format)
+{
+    if (format > HALYX_FW_FORMAT_MODEM_PACKAGE) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             fmt::format("Unknown firmware format: {}. Use one of the HALYX_FW_FORMAT_* values.", format));
+    }
+    if (data == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_fw_create_handle: 'data' cannot be NULL");
+    }
+    auto firmware = std::make_unique<halyx_firmware>();
+    firmware->source_kind = source_kind;
+    firmware->format = format;
+    if (source_kind == HALYX_FW_SOURCE_FILE) {
+        if (size != 0) {
+            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "Non-zero data-length was provided for file-type data");
+        }
+        firmware->data = reinterpret_cast<const char*>(data);
+        if (firmware->data.empty()) {
+            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_fw_create_handle: the file path is empty");
+        }
+        checkReadableFile(firmware->data);
+    } else {
+        firmware->data.assign(reinterpret_cast<const char*>(data), size);
+    }
+    return firmware.release();
+}
+
+} // namespace HALYX

@@ -1,0 +1,41 @@
+#include "devices/operation.hpp"
+
+#include "core/halyx_exception.hpp"
+
+namespace HALYX {
+
+Operation::Operation(const ASYNC::operation_call_wrapper_t& task, OperationOptions options,
+                     std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks)
+    : task_(task), options_(std::move(options)), mcu_end_state_(mcu_end_state), callbacks_(callbacks)
+{
+}
+
+void Operation::throwIfCancelled() const
+{
+    if (cancelRequested()) {
+        throw HALYXException(HALYX_ERR_GENERAL, "Operation cancelled.");
+    }
+}
+
+void Operation::progress(const std::string& step, const std::string& message, int percentage) const
+{
+    progress(nlohmann::json{{"step", step}, {"message", message}, {"percentage", percentage}});
+}
+
+void Operation::progress(const nlohmann::json& report) const
+{
+    if (callbacks_.progress == nullptr) {
+        return;
+    }
+    const auto text = report.dump();
+    callbacks_.progress(callbacks_.context, taskId(), text.c_str(), callbacks_.user_data);
+}
+
+void Operation::data(const char* bytes, uint64_t size) const
+{
+    if (callbacks_.data != nullptr) {
+        callbacks_.data(callbacks_.context, bytes, size, callbacks_.user_data);
+    }
+}
+
+} // namespace HALYX

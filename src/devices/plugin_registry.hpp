@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "devices/plugin_api.hpp"
+
+namespace HALYX {
+
+// The plugins of one context, made from factories when the context is built.
+// Read-only after construction, so it needs no lock.
+class PluginRegistry {
+public:
+    using Factory = std::function<std::unique_ptr<PluginApi>()>;
+
+    explicit PluginRegistry(const std::vector<Factory>& factories);
+
+    const std::vector<std::shared_ptr<PluginApi>>& plugins() const { return plugins_; }
+
+    // Registration order, without repeats.
+    std::vector<std::string> names() const;
+    std::vector<std::string> traits() const;
+
+    // Among the plugins that serve one of the device's true traits (in
+    // registration order), the first whose canHandle() agrees, else the first
+    // of them; a fresh instance when the plugin makes one. Null if no plugin
+    // serves the device.
+    std::shared_ptr<PluginApi> select(const std::string& device_json, const OperationOptions& options) const;
+
+private:
+    std::vector<std::shared_ptr<PluginApi>> plugins_;
+};
+
+// The factories of the plugins built into this library for this host.
+std::vector<PluginRegistry::Factory> builtinPluginFactories();
+
+} // namespace HALYX
