@@ -20,14 +20,12 @@ namespace HALYX {
 // Runs one export's body: no exception leaves it. A HALYXException becomes its
 // code, any other standard exception code 1, anything else code 1 with
 // nothing stored. A code the body returns without throwing is not stored.
+// Without a context (the exports that have none) failures are only logged.
 template <typename Body>
-halyx_errorcode_t guardedCall(halyx_context* context, Body&& body) noexcept
+halyx_errorcode_t guarded(halyx_context* context, Body&& body) noexcept
 {
-    if (context == nullptr) {
-        return detail::missingContext();
-    }
     try {
-        return std::forward<Body>(body)(*context);
+        return std::forward<Body>(body)();
     } catch (const HALYXException& e) {
         return detail::recordFailure(context, e);
     } catch (const std::exception& e) {
@@ -37,19 +35,20 @@ halyx_errorcode_t guardedCall(halyx_context* context, Body&& body) noexcept
     }
 }
 
-// For the exports that have no context: failures are logged, not stored.
+// For the exports that take a context: the body gets it by reference.
+template <typename Body>
+halyx_errorcode_t guardedCall(halyx_context* context, Body&& body) noexcept
+{
+    if (context == nullptr) {
+        return detail::missingContext();
+    }
+    return guarded(context, [&] { return std::forward<Body>(body)(*context); });
+}
+
 template <typename Body>
 halyx_errorcode_t guardedCallWithoutContext(Body&& body) noexcept
 {
-    try {
-        return std::forward<Body>(body)();
-    } catch (const HALYXException& e) {
-        return detail::recordFailure(nullptr, e);
-    } catch (const std::exception& e) {
-        return detail::recordFailure(nullptr, e);
-    } catch (...) {
-        return HALYX_ERR_GENERAL;
-    }
+    return guarded(nullptr, std::forward<Body>(body));
 }
 
 } // namespace HALYX

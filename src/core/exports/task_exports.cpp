@@ -8,26 +8,18 @@ using HALYX::HALYXException;
 
 namespace {
 
-// The waits are outside the guard: their outcome, not an exception, is what
-// they report, and a time-out must leave the last error untouched.
+// A wait reports the task's outcome rather than throwing it: the outcome is
+// stored as the last error, except a success and a time-out (12), which
+// leave the record untouched.
 halyx_errorcode_t waitForTask(halyx_context* context, uint64_t task_id, std::optional<int32_t> timeout_ms) noexcept
 {
-    if (context == nullptr) {
-        return HALYX::detail::missingContext();
-    }
-    try {
-        auto outcome = context->tasks.wait(task_id, timeout_ms);
+    return HALYX::guardedCall(context, [&](halyx_context& ctx) {
+        auto outcome = ctx.tasks.wait(task_id, timeout_ms);
         if (outcome.code != HALYX_SUCCESS && outcome.code != HALYX_ERR_TIMEOUT) {
-            context->last_error.store(outcome.code, std::move(outcome.message));
+            ctx.last_error.store(outcome.code, std::move(outcome.message));
         }
         return outcome.code;
-    } catch (const HALYXException& e) {
-        return HALYX::detail::recordFailure(context, e);
-    } catch (const std::exception& e) {
-        return HALYX::detail::recordFailure(context, e);
-    } catch (...) {
-        return HALYX_ERR_GENERAL;
-    }
+    });
 }
 
 } // namespace
