@@ -6,9 +6,11 @@
 #include <mutex>
 
 #include "core/configuration.hpp"
+#include "core/handouts.hpp"
 #include "core/last_error.hpp"
 #include "core/log_subscriber.hpp"
 #include "core/task_table.hpp"
+#include "core/version_list.hpp"
 #include "devices/lister.hpp"
 #include "devices/plugin_registry.hpp"
 #include "halyx.h"
@@ -73,6 +75,8 @@ struct halyx_context {
     // Declared before the task table so that tasks, which may use it, end first.
     const std::unique_ptr<HALYX::DeviceLister> lister;
     HALYX::ASYNC::TaskTable tasks;
+    HALYX::Handouts<std::string, char> documents;
+    HALYX::Handouts<HALYX::VersionListView, halyx_version_list_t> version_lists;
 
 private:
     std::mutex context_mutex_;

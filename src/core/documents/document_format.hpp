@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "core/halyx_exception.hpp"
+
+namespace HALYX::Documents {
+
+// "HALYX_DOC_FORMAT_TEXT" and so on; throws 50 "Unknown enum value to convert
+// to text" for a value outside the enumeration.
+std::string formatName(uint32_t format);
+
+// Throws 19 "{name} not supported yet." unless the format is JSON or JSON_PRETTY.
+void requireJsonFormat(uint32_t format);
+
+// Compact for JSON, four-space indentation for JSON_PRETTY.
+std::string dump(const nlohmann::json& document, uint32_t format);
+
+// Runs a renderer: a failure of the JSON library becomes code 50 with its message.
+template <typename Render>
+std::string guardJson(Render&& render)
+{
+    try {
+        return render();
+    } catch (const nlohmann::json::exception& e) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, e.what());
+    }
+}
+
+} // namespace HALYX::Documents

@@ -1,0 +1,154 @@
+#include "core/documents/record_documents.hpp"
+
+#include <array>
+
+#include "core/documents/document_format.hpp"
+
+namespace HALYX::Documents {
+namespace {
+
+using nlohmann::json;
+
+template <size_t N>
+const char* nameOf(const std::array<const char*, N>& names, uint32_t value)
+{
+    // The last name of each table is its "unknown".
+    return value < N ? names[value] : names[N - 1];
+}
+
+constexpr std::array<const char*, 6> kImageTypes{
+    "HALYX_IMAGE_TYPE_APPLICATION",      "HALYX_IMAGE_TYPE_BOOTLOADER", "HALYX_IMAGE_TYPE_RADIOSTACK",
+    "HALYX_IMAGE_TYPE_OPERATIVE_SYSTEM", "HALYX_IMAGE_TYPE_GENERIC",    "HALYX_IMAGE_TYPE_UNKNOWN"};
+constexpr std::array<const char*, 5> kBootloaderTypes{
+    "HALYX_BOOTLOADER_TYPE_NONE", "HALYX_BOOTLOADER_TYPE_MCUBOOT", "HALYX_BOOTLOADER_TYPE_SDFU",
+    "HALYX_BOOTLOADER_TYPE_B0", "HALYX_BOOTLOADER_TYPE_UNKNOWN"};
+
+json identifiers(const halyx_version_identifier_t* list, size_t count, const char* part)
+{
+    json out = json::array();
+    for (size_t i = 0; i < count; ++i) {
+        const auto& identifier = list[i];
+        if (identifier.type == HALYX_VERSION_IDENTIFIER_STRING) {
+            out.push_back(identifier.text != nullptr ? identifier.text : "");
+        } else if (identifier.type == HALYX_VERSION_IDENTIFIER_NUMERIC) {
+            out.push_back(identifier.number);
+        } else {
+            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                                 std::string("Unable to convert identifier type for version ") + part + ".");
+        }
+    }
+    return out;
+}
+
+const char* versionFormatName(uint32_t format)
+{
+    switch (format) {
+    case HALYX_VERSION_FORMAT_STRING:
+        return "string";
+    case HALYX_VERSION_FORMAT_INCREMENTAL:
+        return "incremental";
+    case HALYX_VERSION_FORMAT_SEMANTIC:
+        return "semantic";
+    default:
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "Unable to convert version format.");
+    }
+}
+
+json versionValue(const halyx_version_t& version)
+{
+    versionFormatName(version.format);
+    if (version.format == HALYX_VERSION_FORMAT_STRING) {
+        return version.string != nullptr ? version.string : "";
+    }
+    if (version.format == HALYX_VERSION_FORMAT_INCREMENTAL) {
+        return version.incremental;
+    }
+    const auto& semantic = version.semantic;
+    return json{{"major", semantic.major},
+                {"minor", semantic.minor},
+                {"patch", semantic.patch},
+                {"pre", identifiers(semantic.pre, semantic.pre_count, "pre")},
+                {"metadata", identifiers(semantic.metadata, semantic.metadata_count, "metadata")}};
+}
+
+json moduleJson(const halyx_module_version_t& module)
+{
+    json dependencies = json::array();
+    for (size_t i = 0; module.dependencies != nullptr && i < module.dependency_count; ++i) {
+        dependencies.push_back(moduleJson(module.dependencies[i]));
+    }
+    return json{{"moduleName", module.module_name != nullptr ? module.module_name : ""},
+                {"description", module.description != nullptr ? module.description : ""},
+                {"versionFormat", versionFormatName(module.version.format)},
+                {"version", versionValue(module.version)},
+                {"expectedVersion", module.expected_version != nullptr ? versionValue(*module.expected_version)
+                                                                       : json(nullptr)},
+                {"dependencies", std::move(dependencies)}};
+}
+
+} // namespace
+
+std::string renderCoreInfo(const halyx_device_core_info_t* info, uint32_t format)
+{
+    if (info == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "Device core info pointer is nullptr.");
+    }
+    requireJsonFormat(format);
+    return guardJson([&] {
+        return dump(json{{"codeAddress", info->code_address},
+                         {"codePageSize", info->code_page_size},
+                         {"codeSize", info->code_size},
+                         {"uicrAddress", info->uicr_address},
+                         {"infoPageSize", info->info_page_size},
+                         {"codeRamPresent", info->code_ram_present},
+                         {"codeRamAddress", info->code_ram_address},
+                         {"dataRamAddress", info->data_ram_address},
+                         {"ramSize", info->ram_size},
+                         {"qspiPresent", info->qspi_present},
+                         {"xipAddress", info->xip_address},
+                         {"xipSize", info->xip_size},
+                         {"pinResetPin", info->pin_reset_pin}},
+                    format);
+    });
+}
+
+std::string renderFirmwareImages(const halyx_firmware_device_firmware_images_t* images, uint32_t format)
+{
+    if (images == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "images info pointer is nullptr.");
+    }
+    requireJsonFormat(format);
+    return guardJson([&] {
+        json list = json::array();
+        for (size_t i = 0; images->images != nullptr && i < images->count; ++i) {
+            const auto& image = images->images[i];
+            json entry{{"imageType", nameOf(kImageTypes, image.image_type)},
+                       {"imageLocation", image.image_location},
+                       {"address", image.address},
+                       {"size", image.size},
+                       {"bootloaderType", nameOf(kBootloaderTypes, image.bootloader_type)}};
+            if (image.version != nullptr) {
+                entry["version"] = image.version;
+            }
+            list.push_back(std::move(entry));
+        }
+        return dump(json{{"imageInfoList", std::move(list)}}, format);
+    });
+}
+
+std::string renderVersionList(const halyx_version_list_t* list, uint32_t format)
+{
+    if (list == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "List is nullptr.");
+    }
+    requireJsonFormat(format);
+    return guardJson([&] {
+        json modules = json::array();
+        for (size_t i = 0; list->modules != nullptr && i < list->count; ++i) {
+            modules.push_back(moduleJson(list->modules[i]));
+        }
+        return dump(json{{"modules", std::move(modules)}}, format);
+    });
+}
+
+} // namespace HALYX::Documents

@@ -1,0 +1,137 @@
+#include "devices/device.hpp"
+
+namespace HALYX {
+namespace {
+
+using nlohmann::json;
+
+json stringOrNull(const std::optional<std::string>& value)
+{
+    return value ? json(*value) : json(nullptr);
+}
+
+void putIfKnown(json& object, const char* key, const std::optional<std::string>& value)
+{
+    if (value) {
+        object[key] = *value;
+    }
+}
+
+std::optional<std::string> optionalString(const json& object, const char* key)
+{
+    const auto it = object.find(key);
+    if (it == object.end() || !it->is_string()) {
+        return std::nullopt;
+    }
+    return it->get<std::string>();
+}
+
+// Keys the record holds in fields of its own rather than as sections.
+bool isRecordKey(const std::string& key)
+{
+    return key == "id" || key == "serialNumber" || key == "traits" || key == "usbIdentifier" || key == "serialPorts";
+}
+
+} // namespace
+
+json SerialPort::toJson() const
+{
+    json port{
+        {"serialNumber", stringOrNull(serialNumber)},
+        {"comName", stringOrNull(comName)},
+        {"manufacturer", stringOrNull(manufacturer)},
+        {"vcom", vcom},
+    };
+    putIfKnown(port, "productId", productId);
+    putIfKnown(port, "vendorId", vendorId);
+    putIfKnown(port, "usbIdentifier", usbIdentifier);
+    putIfKnown(port, "path", path ? path : comName);
+    return port;
+}
+
+SerialPort SerialPort::fromJson(const json& port)
+{
+    SerialPort result;
+    result.comName = optionalString(port, "comName");
+    result.manufacturer = optionalString(port, "manufacturer");
+    result.serialNumber = optionalString(port, "serialNumber");
+    result.vendorId = optionalString(port, "vendorId");
+    result.productId = optionalString(port, "productId");
+    result.usbIdentifier = optionalString(port, "usbIdentifier");
+    result.path = optionalString(port, "path");
+    if (const auto vcom = port.find("vcom"); vcom != port.end() && vcom->is_number_unsigned()) {
+        result.vcom = vcom->get<uint32_t>();
+    }
+    return result;
+}
+
+void Device::mergeTraits(const Traits& incoming)
+{
+    for (const auto& [name, value] : incoming) {
+        auto [it, inserted] = traits.try_emplace(name, value);
+        if (!inserted && !it->second) {
+            it->second = value;
+        }
+    }
+}
+
+json Device::toJson() const
+{
+    json device{
+        {"id", id},
+        {"serialNumber", stringOrNull(serialNumber)},
+        {"traits", json::object()},
+    };
+    for (const auto& [name, value] : traits) {
+        device["traits"][name] = value;
+    }
+    putIfKnown(device, "usbIdentifier", usbIdentifier);
+    if (!serialPorts.empty()) {
+        auto& ports = device["serialPorts"] = json::array();
+        for (const auto& port : serialPorts) {
+            ports.push_back(port.toJson());
+        }
+    }
+    for (const auto& [name, text] : sections) {
+        device[name] = json::parse(text);
+    }
+    return device;
+}
+
+void Device::updateFromJson(const json& device)
+{
+    if (const auto incoming = device.find("traits"); incoming != device.end() && incoming->is_object()) {
+        Traits edited;
+        for (const auto& [name, value] : incoming->items()) {
+            if (value.is_boolean()) {
+                edited.emplace(name, value.get<bool>());
+            }
+        }
+        mergeTraits(edited);
+    }
+    if (auto identifier = optionalString(device, "usbIdentifier")) {
+        usbIdentifier = std::move(identifier);
+    }
+    if (const auto ports = device.find("serialPorts"); ports != device.end() && ports->is_array()) {
+        serialPorts.clear();
+        for (const auto& port : *ports) {
+            serialPorts.push_back(SerialPort::fromJson(port));
+        }
+    }
+    for (const auto& [key, value] : device.items()) {
+        if (!isRecordKey(key)) {
+            sections[key] = value.dump();
+        }
+    }
+}
+
+json toDocument(const std::vector<Device>& devices)
+{
+    json list = json::array();
+    for (const auto& device : devices) {
+        list.push_back(device.toJson());
+    }
+    return json{{"devices", std::move(list)}};
+}
+
+} // namespace HALYX
