@@ -1,8 +1,5 @@
 #include "commands.hpp"
 
-#include <csignal>
-#include <pthread.h>
-#include <signal.h>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -125,19 +122,11 @@ int list(halyx_context* context, ListFormat format, const std::vector<std::strin
     return 0;
 }
 
-int watch(halyx_context* context)
+int watch(halyx_context* context, StopSignal& stop)
 {
-    // The library's threads inherit this mask, so only sigwait sees the signals.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     check(context, halyx_register_device_event(context, printEvent, nullptr), "halyx_register_device_event");
     check(context, halyx_start_eventhandler(context), "halyx_start_eventhandler");
-    int received = 0;
-    sigwait(&signals, &received);
+    stop.wait();
     check(context, halyx_stop_eventhandler(context), "halyx_stop_eventhandler");
     check(context, halyx_unregister_device_event(context), "halyx_unregister_device_event");
     return 0;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "halyx.h"
+#include "stop_signal.hpp"
 
 namespace halyx_tool {
 
@@ -19,7 +20,7 @@ void check(halyx_context* context, halyx_errorcode_t code, const char* what);
 enum class ListFormat { Table, Json, Csv };
 
 int list(halyx_context* context, ListFormat format, const std::vector<std::string>& filter);
-int watch(halyx_context* context);
+int watch(halyx_context* context, StopSignal& stop);
 int plugins(halyx_context* context);
 int traits(halyx_context* context);
 int version(halyx_context* context);

@@ -69,6 +69,12 @@ int main(int argc, char** argv)
         }
     }
 
+    // Before the context exists, so that none of the library's threads takes Ctrl-C.
+    halyx_tool::StopSignal stop;
+    if (command != "watch") {
+        stop.onSignal([](int signal) { std::_Exit(128 + signal); });
+    }
+
     halyx_context* context = nullptr;
     const halyx_errorcode_t created = halyx_create_context(&context);
     if (created != HALYX_SUCCESS) {
@@ -86,7 +92,7 @@ int main(int argc, char** argv)
         if (command == "list") {
             status = halyx_tool::list(context, format, filter);
         } else if (command == "watch") {
-            status = halyx_tool::watch(context);
+            status = halyx_tool::watch(context, stop);
         } else if (command == "plugins") {
             status = halyx_tool::plugins(context);
         } else if (command == "traits") {
