@@ -2,6 +2,8 @@
 
 #include "core/logging.hpp"
 #include "devices/device_lister.hpp"
+#include "platform/host.hpp"
+#include "platform/usb_lister.hpp"
 
 namespace {
 
@@ -11,8 +13,7 @@ std::atomic<uint64_t> context_counter{0};
 
 HALYX::ContextParts HALYX::defaultContextParts()
 {
-    // The host's USB lister joins here with the platform layer.
-    return ContextParts{nullptr, builtinPluginFactories()};
+    return ContextParts{std::make_unique<USBLister>(makeHostUsbPlatform()), builtinPluginFactories()};
 }
 
 halyx_context::halyx_context(HALYX::ContextParts parts)

@@ -58,6 +58,9 @@ void DeviceLister::setTimeouts(const halyx_timeout_configuration_t& timeouts)
 {
     std::lock_guard lock(timeouts_mutex_);
     timeouts_ = timeouts;
+    if (lister_) {
+        lister_->setTimeouts(timeouts);
+    }
 }
 
 halyx_device_list_t* DeviceLister::enumerate()

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "devices/device.hpp"
+#include "halyx.h"
 
 namespace HALYX {
 
@@ -37,6 +38,9 @@ public:
     virtual void start(Arrival arrival, Removal removal) = 0;
     // Returns once the notification thread has stopped calling back.
     virtual void stop() = 0;
+    // The context's time limits (the settle time bounds the wait for an
+    // arriving device's serial ports).
+    virtual void setTimeouts(const halyx_timeout_configuration_t&) {}
 };
 
 } // namespace HALYX

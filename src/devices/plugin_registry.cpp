@@ -2,6 +2,10 @@
 
 #include <algorithm>
 
+#include "devices/broken_plugin.hpp"
+#include "devices/serial_port_lister.hpp"
+#include "platform/host.hpp"
+
 namespace HALYX {
 namespace {
 
@@ -77,8 +81,11 @@ std::shared_ptr<PluginApi> PluginRegistry::select(const std::string& device_json
 std::vector<PluginRegistry::Factory> builtinPluginFactories()
 {
     // The host's plugins (serial ports, probes, bootloaders) register here as
-    // they are built; none is part of this build yet.
-    return {};
+    // they are built.
+    return {
+        [] { return std::make_unique<SerialPortLister>(makeHostSerialPortListerHW()); },
+        [] { return std::make_unique<BrokenPlugin>(); },
+    };
 }
 
 } // namespace HALYX
