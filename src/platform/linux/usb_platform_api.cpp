@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -159,6 +160,10 @@ std::vector<USBDevice> USBPlatformAPI::enumerate()
         }
     }
     libusb_free_device_list(list, 1);
+    // Bus order, so that ids follow the order in which the devices were attached.
+    std::sort(devices.begin(), devices.end(), [](const USBDevice& a, const USBDevice& b) {
+        return std::tie(a.busNumber, a.address) < std::tie(b.busNumber, b.address);
+    });
     return devices;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <string_view>
 #include <tuple>
 
 #include "core/halyx_exception.hpp"
@@ -21,6 +22,18 @@ std::optional<std::string> byIdLink(udev_device* tty)
         const char* name = udev_list_entry_get_name(link);
         if (std::strncmp(name, kByIdPrefix, std::strlen(kByIdPrefix)) == 0) {
             return std::string(name);
+        }
+    }
+    // Without a udev database entry the links are only in the property.
+    if (const char* links = udev_device_get_property_value(tty, "DEVLINKS")) {
+        std::string_view rest(links);
+        while (!rest.empty()) {
+            const auto end = rest.find(' ');
+            const auto link = rest.substr(0, end);
+            if (link.rfind(kByIdPrefix, 0) == 0) {
+                return std::string(link);
+            }
+            rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
         }
     }
     return std::nullopt;

@@ -1,0 +1,353 @@
+#include "testbed.hpp"
+
+#include <linux/usbdevice_fs.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <optional>
+#include <stdexcept>
+
+#include <umockdev.h>
+
+namespace HALYX::SIM {
+namespace {
+
+// Drops a GObject reference when it goes out of scope.
+struct Unref {
+    void operator()(gpointer object) const
+    {
+        if (object != nullptr) {
+            g_object_unref(object);
+        }
+    }
+};
+template <typename T>
+using GPtr = std::unique_ptr<T, Unref>;
+
+[[noreturn]] void fail(const std::string& what, GError* error)
+{
+    std::string message = what + (error != nullptr ? std::string(": ") + error->message : std::string());
+    if (error != nullptr) {
+        g_error_free(error);
+    }
+    throw std::runtime_error(message);
+}
+
+std::vector<uint8_t> stringDescriptor(const std::string& text)
+{
+    std::vector<uint8_t> out{static_cast<uint8_t>(2 + 2 * text.size()), 0x03};
+    for (const char c : text) {
+        out.push_back(static_cast<uint8_t>(c));
+        out.push_back(0);
+    }
+    return out;
+}
+
+} // namespace
+
+// Answers a kit's control transfers on usbfs. Runs on umockdev's worker thread.
+class UsbResponder {
+public:
+    explicit UsbResponder(KitSpec spec) : spec_(std::move(spec)), handler_(umockdev_ioctl_base_new())
+    {
+        g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(&UsbResponder::onIoctl), this);
+    }
+    ~UsbResponder()
+    {
+        g_signal_handlers_disconnect_by_data(handler_.get(), this);
+        std::lock_guard lock(mutex_);
+        for (auto* urb : completed_) {
+            g_object_unref(urb);
+        }
+    }
+    UMockdevIoctlBase* handler() const { return handler_.get(); }
+
+private:
+    // The reply to a control request, or nullopt for a stall.
+    std::optional<std::vector<uint8_t>> answer(const uint8_t* setup) const
+    {
+        const uint8_t type = setup[0];
+        const uint8_t request = setup[1];
+        const uint16_t value = static_cast<uint16_t>(setup[2] | (setup[3] << 8));
+        const uint16_t index = static_cast<uint16_t>(setup[4] | (setup[5] << 8));
+        if (type == 0x80 && request == 0x06) { // GET_DESCRIPTOR
+            const uint8_t kind = static_cast<uint8_t>(value >> 8);
+            const uint8_t number = static_cast<uint8_t>(value & 0xFF);
+            if (kind == 0x01) {
+                return deviceDescriptor(spec_);
+            }
+            if (kind == 0x02) {
+                return configurationDescriptor(spec_);
+            }
+            if (kind == 0x03) {
+                switch (number) {
+                case 0: return std::vector<uint8_t>{4, 0x03, 0x09, 0x04};
+                case 1: return stringDescriptor(spec_.manufacturer);
+                case 2: return stringDescriptor(spec_.product);
+                case 3:
+                    if (spec_.serialNumber) {
+                        return stringDescriptor(*spec_.serialNumber);
+                    }
+                    break;
+                default: break;
+                }
+            }
+            return std::nullopt;
+        }
+        const bool to_trigger = spec_.dfuTrigger && (index & 0xFF) == dfuTriggerInterface(spec_);
+        if (type == 0xA1 && to_trigger) {
+            if (request == 8 && !spec_.semVer.empty()) {
+                std::vector<uint8_t> text(spec_.semVer.begin(), spec_.semVer.end());
+                text.push_back(0);
+                return text;
+            }
+            if (request == 7 && !spec_.dfuInfo.empty()) {
+                return spec_.dfuInfo;
+            }
+        }
+        return std::nullopt;
+    }
+
+    static gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self)
+    {
+        static_cast<UsbResponder*>(self)->handle(client);
+        return TRUE;
+    }
+
+    void handle(UMockdevIoctlClient* client)
+    {
+        const gulong request = umockdev_ioctl_client_get_request(client);
+        UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
+        if (request == USBDEVFS_SUBMITURB) {
+            GPtr<UMockdevIoctlData> urb_data(umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr));
+            auto* urb = urb_data ? reinterpret_cast<usbdevfs_urb*>(urb_data->data) : nullptr;
+            if (urb == nullptr || urb->type != USBDEVFS_URB_TYPE_CONTROL || urb->buffer_length < 8) {
+                umockdev_ioctl_client_complete(client, -1, EINVAL);
+                return;
+            }
+            GPtr<UMockdevIoctlData> buffer(umockdev_ioctl_data_resolve(
+                urb_data.get(), G_STRUCT_OFFSET(usbdevfs_urb, buffer), static_cast<gsize>(urb->buffer_length),
+                nullptr));
+            if (!buffer) {
+                umockdev_ioctl_client_complete(client, -1, EFAULT);
+                return;
+            }
+            const auto reply = answer(buffer->data);
+            const uint16_t wanted = static_cast<uint16_t>(buffer->data[6] | (buffer->data[7] << 8));
+            if (reply) {
+                const size_t room = std::min<size_t>(wanted, static_cast<size_t>(urb->buffer_length - 8));
+                const size_t n = std::min(room, reply->size());
+                std::memcpy(buffer->data + 8, reply->data(), n);
+                urb->actual_length = static_cast<int>(n);
+                urb->status = 0;
+            } else {
+                urb->actual_length = 0;
+                urb->status = -EPIPE;
+            }
+            {
+                std::lock_guard lock(mutex_);
+                completed_.push_back(urb_data.release());
+            }
+            umockdev_ioctl_client_complete(client, 0, 0);
+            return;
+        }
+        if (request == USBDEVFS_REAPURB || request == USBDEVFS_REAPURBNDELAY) {
+            GPtr<UMockdevIoctlData> urb;
+            {
+                std::lock_guard lock(mutex_);
+                if (!completed_.empty()) {
+                    urb.reset(completed_.front());
+                    completed_.pop_front();
+                }
+            }
+            if (!urb) {
+                umockdev_ioctl_client_complete(client, -1, EAGAIN);
+                return;
+            }
+            GPtr<UMockdevIoctlData> out(umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr));
+            if (!out) {
+                umockdev_ioctl_client_complete(client, -1, EFAULT);
+                return;
+            }
+            umockdev_ioctl_data_set_ptr(out.get(), 0, urb.get());
+            umockdev_ioctl_client_complete(client, 0, 0);
+            return;
+        }
+        // Claims, capabilities and the rest: not emulated, as on a kernel without them.
+        umockdev_ioctl_client_complete(client, -1, ENOTTY);
+    }
+
+    const KitSpec spec_;
+    GPtr<UMockdevIoctlBase> handler_;
+    std::mutex mutex_;
+    std::deque<UMockdevIoctlData*> completed_; // each holds a reference
+};
+
+// Runs a tty's ioctls on the real pty behind it (umockdev answers them with
+// ENOTTY otherwise, which breaks non-blocking serial I/O).
+class TtyForwarder {
+public:
+    TtyForwarder() : handler_(umockdev_ioctl_base_new())
+    {
+        g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(&TtyForwarder::onIoctl), nullptr);
+    }
+    UMockdevIoctlBase* handler() const { return handler_.get(); }
+
+private:
+    static gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer)
+    {
+        int error = 0;
+        const int result = umockdev_ioctl_client_execute(client, &error, nullptr);
+        umockdev_ioctl_client_complete(client, result, error);
+        return TRUE;
+    }
+
+    GPtr<UMockdevIoctlBase> handler_;
+};
+
+Testbed::Testbed() : testbed_(umockdev_testbed_new())
+{
+    if (!inMockEnvironment()) {
+        g_object_unref(testbed_);
+        throw std::runtime_error("simulated kits need the umockdev preload: run this program under umockdev-wrapper");
+    }
+}
+
+Testbed::~Testbed()
+{
+    for (const auto& [node, responder] : usb_responders_) {
+        umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
+    }
+    for (const auto& [node, forwarder] : tty_forwarders_) {
+        umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
+    }
+    usb_responders_.clear();
+    tty_forwarders_.clear();
+    g_object_unref(testbed_);
+}
+
+bool Testbed::inMockEnvironment()
+{
+    // umockdev_in_mock_environment() answers false under the wrapper too.
+    const char* preload = std::getenv("LD_PRELOAD");
+    return preload != nullptr && std::strstr(preload, "libumockdev-preload") != nullptr;
+}
+
+void Testbed::addNode(const SysfsNode& node)
+{
+    GError* error = nullptr;
+    if (!umockdev_testbed_add_from_string(testbed_, node.text.c_str(), &error)) {
+        fail("cannot add " + node.syspath, error);
+    }
+}
+
+const Testbed::Kit& Testbed::plug(const KitSpec& spec, bool ports_later)
+{
+    std::lock_guard lock(mutex_);
+    Kit kit;
+    kit.id = next_id_++;
+    kit.spec = spec;
+    kit.place = Placement{1, next_port_++, next_devnum_++, next_tty_};
+    next_tty_ += spec.cdcPorts;
+
+    const auto nodes = describeKit(spec, kit.place);
+    kit.usbSyspath = nodes.front().syspath;
+    kit.usbNode = nodes.front().devnode;
+
+    std::vector<SysfsNode> ports;
+    for (const auto& node : nodes) {
+        if (node.devnode.rfind("/dev/tty", 0) == 0) {
+            kit.ttys.push_back(node.devnode);
+            if (ports_later) {
+                ports.push_back(node);
+                continue;
+            }
+        }
+        addNode(node);
+        kit.syspaths.push_back(node.syspath);
+        if (node.devnode.rfind("/dev/tty", 0) == 0) {
+            auto forwarder = std::make_unique<TtyForwarder>();
+            umockdev_testbed_attach_ioctl(testbed_, node.devnode.c_str(), forwarder->handler(), nullptr);
+            tty_forwarders_[node.devnode] = std::move(forwarder);
+        }
+        if (&node == &nodes.front()) {
+            auto responder = std::make_unique<UsbResponder>(spec);
+            GError* error = nullptr;
+            if (!umockdev_testbed_attach_ioctl(testbed_, kit.usbNode.c_str(), responder->handler(), &error)) {
+                fail("cannot attach to " + kit.usbNode, error);
+            }
+            usb_responders_[kit.usbNode] = std::move(responder);
+        }
+    }
+    if (!ports.empty()) {
+        pending_ports_[kit.id] = std::move(ports);
+    }
+    return kits_[kit.id] = std::move(kit);
+}
+
+void Testbed::addPorts(unsigned id)
+{
+    std::lock_guard lock(mutex_);
+    auto pending = pending_ports_.extract(id);
+    if (pending.empty()) {
+        return;
+    }
+    auto& kit = kits_.at(id);
+    for (const auto& node : pending.mapped()) {
+        addNode(node);
+        kit.syspaths.push_back(node.syspath);
+        auto forwarder = std::make_unique<TtyForwarder>();
+        umockdev_testbed_attach_ioctl(testbed_, node.devnode.c_str(), forwarder->handler(), nullptr);
+        tty_forwarders_[node.devnode] = std::move(forwarder);
+    }
+}
+
+void Testbed::unplug(unsigned id)
+{
+    std::lock_guard lock(mutex_);
+    auto node = kits_.extract(id);
+    if (node.empty()) {
+        throw std::invalid_argument("no simulated kit with id " + std::to_string(id));
+    }
+    pending_ports_.erase(id);
+    const auto& kit = node.mapped();
+    for (const auto& tty : kit.ttys) {
+        if (tty_forwarders_.erase(tty) > 0) {
+            umockdev_testbed_detach_ioctl(testbed_, tty.c_str(), nullptr);
+        }
+    }
+    umockdev_testbed_detach_ioctl(testbed_, kit.usbNode.c_str(), nullptr);
+    usb_responders_.erase(kit.usbNode);
+    for (auto it = kit.syspaths.rbegin(); it != kit.syspaths.rend(); ++it) {
+        umockdev_testbed_uevent(testbed_, it->c_str(), "remove");
+        umockdev_testbed_remove_device(testbed_, it->c_str());
+    }
+}
+
+void Testbed::addDescription(const std::string& text)
+{
+    GError* error = nullptr;
+    if (!umockdev_testbed_add_from_string(testbed_, text.c_str(), &error)) {
+        fail("cannot add the device description", error);
+    }
+}
+
+std::vector<Testbed::Kit> Testbed::kits() const
+{
+    std::lock_guard lock(mutex_);
+    std::vector<Kit> list;
+    for (const auto& [id, kit] : kits_) {
+        list.push_back(kit);
+    }
+    return list;
+}
+
+int Testbed::ttyMaster(const std::string& tty) const
+{
+    return umockdev_testbed_get_dev_fd(testbed_, tty.c_str());
+}
+
+} // namespace HALYX::SIM

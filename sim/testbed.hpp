@@ -1,0 +1,77 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kit.hpp"
+
+typedef struct _UMockdevTestbed UMockdevTestbed;
+
+namespace HALYX::SIM {
+
+class UsbResponder;
+class TtyForwarder;
+
+// A umockdev testbed with simulated kits that can be plugged and unplugged
+// at run time. The process must run under umockdev-wrapper. Each kit's USB
+// node answers control transfers (the maker's DFU-trigger requests and
+// string descriptors) and its ttys forward terminal ioctls to the real pty
+// behind them, so serial I/O on them works.
+//
+// Threads: the calling thread plugs and unplugs; umockdev's worker thread
+// runs the responders. Build the testbed before anything opens libusb and
+// release libusb before destroying it.
+class Testbed {
+public:
+    struct Kit {
+        unsigned id = 0;
+        KitSpec spec;
+        Placement place;
+        std::string usbSyspath;
+        std::string usbNode;
+        std::vector<std::string> ttys;          // "/dev/ttyACM0", ... in vcom order
+        std::vector<std::string> syspaths;      // every node, parents first
+    };
+
+    Testbed();
+    ~Testbed();
+    Testbed(const Testbed&) = delete;
+    Testbed& operator=(const Testbed&) = delete;
+
+    // Adds a kit on the next free port with a new device number and fresh
+    // tty names; with ports_later the ttys come later, through addPorts().
+    const Kit& plug(const KitSpec& spec, bool ports_later = false);
+    // Binds the ttys of a kit plugged with ports_later.
+    void addPorts(unsigned id);
+    // Removes a kit, children first, with "remove" uevents.
+    void unplug(unsigned id);
+    // Loads a umockdev description written elsewhere (a recorded device).
+    void addDescription(const std::string& text);
+
+    std::vector<Kit> kits() const;
+    // The master side of a tty's pty (owned by the testbed).
+    int ttyMaster(const std::string& tty) const;
+    UMockdevTestbed* raw() const { return testbed_; }
+
+    // True when this process runs under umockdev-wrapper.
+    static bool inMockEnvironment();
+
+private:
+    void addNode(const SysfsNode& node);
+
+    UMockdevTestbed* testbed_ = nullptr;
+    mutable std::mutex mutex_;
+    std::map<unsigned, Kit> kits_;
+    std::map<unsigned, std::vector<SysfsNode>> pending_ports_;
+    std::map<std::string, std::unique_ptr<UsbResponder>> usb_responders_;
+    std::map<std::string, std::unique_ptr<TtyForwarder>> tty_forwarders_;
+    unsigned next_id_ = 1;
+    unsigned next_port_ = 1;
+    unsigned next_devnum_ = 2;
+    unsigned next_tty_ = 0;
+};
+
+} // namespace HALYX::SIM
