@@ -55,6 +55,15 @@ DevicePool::MergeResult DevicePool::merge(const event_object& finding)
             applyFinding(it->second, finding);
             return {it->first, false};
         }
+    } else if (finding.usbIdentifier) {
+        // A hot-plug update of a device without a serial number: its USB
+        // identifier is stable while it stays attached.
+        for (auto& [id, device] : devices_) {
+            if (!device.serialNumber && device.usbIdentifier == finding.usbIdentifier) {
+                applyFinding(device, finding);
+                return {id, false};
+            }
+        }
     }
     return {addLocked(finding, devices_, next_id_++), true};
 }

@@ -23,8 +23,9 @@ public:
         bool added;
     };
 
-    // Adds a lister's finding to the record of its serial number, or makes a
-    // new record.
+    // Adds a lister's finding to the record of its serial number (without
+    // one, to the serial-less record of its USB identifier), or makes a new
+    // record.
     MergeResult merge(const event_object& finding);
 
     // Replaces the pool with a fresh listing; a device found again keeps its id.

@@ -1,0 +1,229 @@
+// Enumeration of simulated kits: the platform layer's records, the USB
+// lister's findings and whole device records through the C interface.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "halyx.h"
+#include "platform/linux/usb_platform_api.hpp"
+#include "platform/usb_lister.hpp"
+#include "testbed.hpp"
+
+namespace {
+
+using nlohmann::json;
+using HALYX::SIM::Testbed;
+
+const HALYX::USBDevice* bySerial(const std::vector<HALYX::USBDevice>& devices, const std::string& serial)
+{
+    for (const auto& device : devices) {
+        if (device.serialNumber == serial) {
+            return &device;
+        }
+    }
+    return nullptr;
+}
+
+const json* bySerial(const json& list, const std::string& serial)
+{
+    for (const auto& device : list.at("devices")) {
+        if (device.at("serialNumber") == serial) {
+            return &device;
+        }
+    }
+    return nullptr;
+}
+
+// Collects the library's log lines.
+struct LogLines {
+    static void collect(uint32_t, const char* message, void* self)
+    {
+        auto* lines = static_cast<LogLines*>(self);
+        std::lock_guard lock(lines->mutex);
+        lines->text += message;
+        lines->text += '\n';
+    }
+    bool contains(const std::string& part)
+    {
+        std::lock_guard lock(mutex);
+        return text.find(part) != std::string::npos;
+    }
+    std::mutex mutex;
+    std::string text;
+};
+
+// One enumeration through the C interface, as the document a caller prints.
+json enumerateDocument(halyx_context* context)
+{
+    halyx_device_list_t* list = nullptr;
+    EXPECT_EQ(halyx_enumerate(context, &list), HALYX_SUCCESS);
+    if (list == nullptr) {
+        return json::object();
+    }
+    char* text = nullptr;
+    EXPECT_EQ(halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_JSON, list, &text), HALYX_SUCCESS);
+    auto document = json::parse(text != nullptr ? text : "{}");
+    halyx_free_document(context, text);
+    EXPECT_EQ(halyx_free_device_list(context, list), HALYX_SUCCESS);
+    return document;
+}
+
+TEST(UsbPlatform, RecordsCarryBusStringsAndTheDescriptorTree)
+{
+    Testbed testbed;
+    const auto& maker = testbed.plug(HALYX::SIM::makerKit("KV-A"));
+    testbed.plug(HALYX::SIM::otherVendorDevice("OT-1"));
+
+    HALYX::Linux::USBPlatformAPI platform;
+    const auto devices = platform.enumerate();
+    ASSERT_EQ(devices.size(), 2u);
+
+    const auto* kit = bySerial(devices, "KV-A");
+    ASSERT_NE(kit, nullptr);
+    EXPECT_EQ(kit->busNumber, 1);
+    EXPECT_EQ(kit->address, maker.place.devnum);
+    EXPECT_EQ(kit->osDevicePath, maker.usbNode);
+    EXPECT_EQ(kit->usbIdentifier, "1-" + std::to_string(maker.place.port));
+    EXPECT_EQ(kit->manufacturer, "Kelvane Semiconductor");
+    EXPECT_EQ(kit->product, "Trekkit DK");
+    EXPECT_EQ(kit->descriptor.idVendor, 0x7A5C);
+    EXPECT_EQ(kit->descriptor.idProduct, 0x1055);
+    EXPECT_EQ(kit->descriptor.bcdDevice, 0x0106);
+
+    // Two CDC functions (control + data each) and the DFU-trigger interface,
+    // with the class-specific descriptors between them left out.
+    ASSERT_EQ(kit->configurations.size(), 1u);
+    const auto& interfaces = kit->configurations[0].interfaces;
+    ASSERT_EQ(interfaces.size(), 5u);
+    EXPECT_EQ(interfaces[0].bInterfaceClass, 0x02);
+    EXPECT_EQ(interfaces[0].endpoints.size(), 1u);
+    EXPECT_EQ(interfaces[1].bInterfaceClass, 0x0A);
+    ASSERT_EQ(interfaces[1].endpoints.size(), 2u);
+    EXPECT_EQ(interfaces[1].endpoints[1].bEndpointAddress, 0x82);
+    EXPECT_EQ(interfaces[3].bInterfaceNumber, 3);
+    EXPECT_EQ(interfaces[4].bInterfaceClass, 0xFF);
+    EXPECT_TRUE(interfaces[4].endpoints.empty());
+    EXPECT_NE(HALYX::findDfuTriggerInterface(*kit), nullptr);
+
+    const auto usb = kit->toJson();
+    EXPECT_EQ(usb.at("device").at("osDevicePath"), maker.usbNode);
+    EXPECT_EQ(usb.at("descriptors").at("configList").at(0).at("interfaceLists").size(), 5u);
+}
+
+TEST(UsbPlatform, VendorRequestsAnsweredOrNotLeaveEnumerationGoing)
+{
+    Testbed testbed;
+    testbed.plug(HALYX::SIM::makerKit("KV-A"));
+    testbed.plug(HALYX::SIM::oldCdcKit("KV-OLD")); // no DFU-trigger interface
+    auto silent = HALYX::SIM::makerKit("KV-MUTE");
+    silent.semVer.clear(); // stalls both requests
+    silent.dfuInfo.clear();
+    testbed.plug(silent);
+    testbed.plug(HALYX::SIM::otherVendorDevice("OT-1"));
+
+    HALYX::USBLister lister(std::make_unique<HALYX::Linux::USBPlatformAPI>());
+    const auto findings = lister.enumerate();
+    ASSERT_EQ(findings.size(), 4u);
+    std::map<std::string, std::pair<json, HALYX::Traits>> by_serial;
+    for (const auto& finding : findings) {
+        ASSERT_EQ(finding.sectionName, "usb");
+        by_serial[finding.serialNumber.value_or("")] = {json::parse(finding.sectionJson), finding.traits};
+    }
+
+    const auto& [kit, kit_traits] = by_serial.at("KV-A");
+    EXPECT_EQ(kit.at("dfuTriggerVersion").at("semVer"), "1.6.2");
+    const auto& info = kit.at("dfuTriggerInfo");
+    EXPECT_EQ(info.at("wAddress"), 0x000F8000);
+    EXPECT_EQ(info.at("wVersionMajor"), 1);
+    EXPECT_EQ(info.at("wVersionMinor"), 6);
+    EXPECT_EQ(info.at("wFirmwareId"), 0x0052A6F1);
+    EXPECT_EQ(info.at("wFlashSize"), 0x00100000);
+    EXPECT_EQ(info.at("wFlashPageSize"), 0x1000);
+    EXPECT_EQ(kit_traits, (HALYX::Traits{{"usb", true}, {"kelvaneUsb", true}}));
+
+    for (const auto* serial : {"KV-OLD", "KV-MUTE"}) {
+        const auto& [usb, traits] = by_serial.at(serial);
+        EXPECT_FALSE(usb.contains("dfuTriggerVersion")) << serial;
+        EXPECT_FALSE(usb.contains("dfuTriggerInfo")) << serial;
+        EXPECT_TRUE(traits.at("kelvaneUsb")) << serial;
+    }
+    const auto& [other, other_traits] = by_serial.at("OT-1");
+    EXPECT_FALSE(other.contains("dfuTriggerVersion"));
+    EXPECT_EQ(other_traits, (HALYX::Traits{{"usb", true}}));
+}
+
+TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)
+{
+    Testbed testbed;
+    const auto& maker = testbed.plug(HALYX::SIM::makerKit("KV-A"));
+    const auto& probe = testbed.plug(HALYX::SIM::probeKit("000683000123"));
+    const auto& old = testbed.plug(HALYX::SIM::oldCdcKit("KV-OLD"));
+    auto anonymous = HALYX::SIM::otherVendorDevice();
+    anonymous.serialNumber.reset();
+    const auto& nameless = testbed.plug(anonymous);
+
+    halyx_context* context = nullptr;
+    ASSERT_EQ(halyx_create_context(&context), HALYX_SUCCESS);
+    LogLines log;
+    ASSERT_EQ(halyx_register_log_event(context, &LogLines::collect, &log), HALYX_SUCCESS);
+    ASSERT_EQ(halyx_set_log_level(context, 1), HALYX_SUCCESS);
+    const auto document = enumerateDocument(context);
+    ASSERT_EQ(document.at("devices").size(), 4u) << document.dump(2);
+
+    const auto* kit = bySerial(document, "KV-A");
+    ASSERT_NE(kit, nullptr);
+    EXPECT_TRUE(kit->at("traits").at("usb"));
+    EXPECT_TRUE(kit->at("traits").at("kelvaneUsb"));
+    EXPECT_TRUE(kit->at("traits").at("serialPorts"));
+    EXPECT_FALSE(kit->at("traits").at("broken"));
+    EXPECT_EQ(kit->at("usbIdentifier"), "1-" + std::to_string(maker.place.port));
+    EXPECT_EQ(kit->at("usb").at("dfuTriggerVersion").at("semVer"), "1.6.2");
+    const auto& ports = kit->at("serialPorts");
+    ASSERT_EQ(ports.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(ports[i].at("vcom"), i);
+        EXPECT_EQ(ports[i].at("comName"), maker.ttys[i]);
+        EXPECT_EQ(ports[i].at("serialNumber"), "KV-A");
+        EXPECT_EQ(ports[i].at("vendorId"), "7A5C");
+        EXPECT_EQ(ports[i].at("productId"), "1055");
+        EXPECT_THAT(ports[i].at("path").get<std::string>(), testing::StartsWith("/dev/serial/by-id/"));
+    }
+
+    const auto* onboard = bySerial(document, "000683000123");
+    ASSERT_NE(onboard, nullptr);
+    // Only plugins' traits are filled in as false; the USB lister sets true ones.
+    EXPECT_FALSE(onboard->at("traits").contains("kelvaneUsb"));
+    EXPECT_EQ(onboard->at("serialPorts").at(0).at("manufacturer"), "SEGGER (serial bridge)");
+    EXPECT_EQ(onboard->at("serialPorts").at(0).at("comName"), probe.ttys[0]);
+
+    // The old CDC firmware is reported, but not marked broken.
+    const auto* dongle = bySerial(document, "KV-OLD");
+    ASSERT_NE(dongle, nullptr);
+    EXPECT_FALSE(dongle->at("traits").at("broken"));
+    EXPECT_EQ(dongle->at("serialPorts").at(0).at("comName"), old.ttys[0]);
+    EXPECT_TRUE(log.contains("The firmware on this device has a bug related to DTR/RTS"));
+    EXPECT_TRUE(log.contains("USBLister: failed to send setup packet KELVANE_SEM_VER_REQUEST"));
+
+    // Without a USB serial number the port finds its device by USB identifier.
+    const json* serial_less = nullptr;
+    for (const auto& device : document.at("devices")) {
+        if (device.at("serialNumber").is_null()) {
+            serial_less = &device;
+        }
+    }
+    ASSERT_NE(serial_less, nullptr);
+    EXPECT_EQ(serial_less->at("usbIdentifier"), "1-" + std::to_string(nameless.place.port));
+    ASSERT_EQ(serial_less->at("serialPorts").size(), 1u);
+    EXPECT_EQ(serial_less->at("serialPorts").at(0).at("comName"), nameless.ttys[0]);
+    EXPECT_TRUE(serial_less->at("serialPorts").at(0).at("serialNumber").is_null());
+
+    ASSERT_EQ(halyx_release_context(context), HALYX_SUCCESS);
+}
+
+} // namespace
