@@ -5,7 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -49,10 +51,19 @@ struct LogLines {
         lines->text += message;
         lines->text += '\n';
     }
+    // Lines reach the callback from the log dispatcher, a little later.
     bool contains(const std::string& part)
     {
-        std::lock_guard lock(mutex);
-        return text.find(part) != std::string::npos;
+        for (int i = 0; i < 200; ++i) {
+            {
+                std::lock_guard lock(mutex);
+                if (text.find(part) != std::string::npos) {
+                    return true;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
     }
     std::mutex mutex;
     std::string text;
