@@ -133,11 +133,16 @@ void USBPlatformAPI::setSettleTime(std::chrono::milliseconds settle)
 std::vector<USBDevice> USBPlatformAPI::enumerate()
 {
     Log::ScopeTimer timer("HALYX::Linux::USBPlatformAPI::enumerate");
+    return list(true);
+}
+
+std::vector<USBDevice> USBPlatformAPI::list(bool forget_departed)
+{
     requireContext();
     auto context = makeUdev();
 
-    libusb_device** list = nullptr;
-    const ssize_t count = libusb_get_device_list(usb_, &list);
+    libusb_device** attached = nullptr;
+    const ssize_t count = libusb_get_device_list(usb_, &attached);
     if (count < 0) {
         throw HALYXException(HALYX_ERR_GENERAL, fmt::format("Error when retrieving device paths: {}",
                                                             libusb_error_name(static_cast<int>(count))));
@@ -148,18 +153,23 @@ std::vector<USBDevice> USBPlatformAPI::enumerate()
     }
 
     std::vector<USBDevice> devices;
+    std::set<BusAddress> present;
     for (ssize_t i = 0; i < count; ++i) {
         try {
             std::string syspath;
-            if (auto device = copyDeviceToUSB(list[i], context.get(), &syspath)) {
-                remember(list[i], *device, syspath, portNodes(ports_by_device[device->usbIdentifier]));
+            if (auto device = copyDeviceToUSB(attached[i], context.get(), &syspath)) {
+                remember(attached[i], *device, syspath, portNodes(ports_by_device[device->usbIdentifier]));
+                present.emplace(device->busNumber, device->address);
                 devices.push_back(std::move(*device));
             }
         } catch (const std::exception& e) {
             Log::exception(spdlog::level::warn, e, "Unable to copy USB:");
         }
     }
-    libusb_free_device_list(list, 1);
+    libusb_free_device_list(attached, 1);
+    if (forget_departed) {
+        forgetAllBut(present);
+    }
     // Bus order, so that ids follow the order in which the devices were attached.
     std::sort(devices.begin(), devices.end(), [](const USBDevice& a, const USBDevice& b) {
         return std::tie(a.busNumber, a.address) < std::tie(b.busNumber, b.address);
@@ -239,6 +249,22 @@ void USBPlatformAPI::remember(libusb_device* device, const USBDevice& record, co
     }
 }
 
+void USBPlatformAPI::forgetAllBut(const std::set<BusAddress>& present)
+{
+    {
+        std::lock_guard lock(known_mutex_);
+        std::erase_if(known_, [&](const auto& entry) { return !present.contains(entry.first); });
+    }
+    std::lock_guard lock(devices_mutex_);
+    std::erase_if(devices_, [&](const auto& entry) {
+        if (present.contains(entry.first)) {
+            return false;
+        }
+        libusb_unref_device(entry.second);
+        return true;
+    });
+}
+
 int USBPlatformAPI::controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data,
                                     uint16_t length)
 {
@@ -315,8 +341,10 @@ void USBPlatformAPI::start()
         throw HALYXException(HALYX_ERR_NOT_SUPPORTED, "Unable to register for USB device notification.");
     }
     // What is attached now must be known for its removal to be reported.
+    // Devices that left while stopped stay known: libusb still holds their
+    // removal notices, and the records of the device pool need them.
     try {
-        (void)enumerate();
+        (void)list(false);
     } catch (const std::exception& e) {
         Log::exception(spdlog::level::warn, e, "HALYX::Linux::USBPlatformAPI::start:");
     }

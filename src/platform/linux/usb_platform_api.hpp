@@ -61,9 +61,12 @@ private:
                                      void* self);
 
     void requireContext() const;
+    std::vector<USBDevice> list(bool forget_departed);
     std::optional<USBDevice> copyDeviceToUSB(libusb_device* device, udev* context, std::string* syspath);
     void remember(libusb_device* device, const USBDevice& record, const std::string& syspath,
                   std::set<std::string> ports);
+    // Drops what is remembered of devices that are gone.
+    void forgetAllBut(const std::set<BusAddress>& present);
     // Opens the device and sends one control transfer to its DFU-trigger
     // interface; the libusb result (bytes moved or an error).
     int controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data,
