@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "../../unit/platform/log_capture.hpp"
 #include "halyx.h"
 #include "platform/linux/usb_platform_api.hpp"
 #include "platform/usb_lister.hpp"
@@ -125,6 +126,20 @@ TEST(UsbPlatform, RecordsCarryBusStringsAndTheDescriptorTree)
     const auto usb = kit->toJson();
     EXPECT_EQ(usb.at("device").at("osDevicePath"), maker.usbNode);
     EXPECT_EQ(usb.at("descriptors").at("configList").at(0).at("interfaceLists").size(), 5u);
+
+    // The kit restarts on the trigger instead of answering: that is success.
+    LogCapture log;
+    platform.sendTriggerRequest(*kit, 1);
+    EXPECT_TRUE(log.contains("Control transfer was not successful. This is as expected."));
+    EXPECT_TRUE(log.contains("[<-] HALYX::Linux::USBPlatformAPI::sendTriggerRequest [took "));
+    const auto* other = bySerial(devices, "OT-1");
+    ASSERT_NE(other, nullptr);
+    try {
+        platform.sendTriggerRequest(*other, 1);
+        ADD_FAILURE() << "a device without the trigger interface took the request";
+    } catch (const HALYX::HALYXException& e) {
+        EXPECT_STREQ(e.what(), "No DFU interface.");
+    }
 }
 
 TEST(UsbPlatform, VendorRequestsAnsweredOrNotLeaveEnumerationGoing)
