@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -82,6 +83,14 @@ int reexecUnderWrapper(char** argv)
         args.push_back(argv[i]);
     }
     args.push_back(nullptr);
+#ifdef __SANITIZE_ADDRESS__
+    // The preload comes before the ASan runtime; ASan must be told that is fine.
+    const char* options = std::getenv("ASAN_OPTIONS");
+    std::string asan = options != nullptr ? options : "";
+    if (asan.find("verify_asan_link_order") == std::string::npos) {
+        setenv("ASAN_OPTIONS", (asan.empty() ? asan : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
+    }
+#endif
     execvp(args[0], args.data());
     std::fprintf(stderr, "halyx-sim: cannot run umockdev-wrapper (%s); install the umockdev package\n",
                  std::strerror(errno));

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -35,6 +36,14 @@ __attribute__((constructor)) void runUnderWrapper()
         args.push_back(cmdline.substr(start, end - start));
         start = end == std::string::npos ? cmdline.size() : end + 1;
     }
+#ifdef __SANITIZE_ADDRESS__
+    // The preload comes before the ASan runtime; ASan must be told that is fine.
+    const char* options = std::getenv("ASAN_OPTIONS");
+    std::string asan = options != nullptr ? options : "";
+    if (asan.find("verify_asan_link_order") == std::string::npos) {
+        setenv("ASAN_OPTIONS", (asan.empty() ? asan : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
+    }
+#endif
     std::vector<char*> argv;
     for (auto& arg : args) {
         argv.push_back(arg.data());
