@@ -18,6 +18,7 @@
 
 #include "kit.hpp"
 #include "testbed.hpp"
+#include "wrapper.hpp"
 
 extern char** environ;
 
@@ -64,37 +65,6 @@ bool parseNumber(const char* text, long& out)
     char* end = nullptr;
     out = std::strtol(text, &end, 10);
     return end != text && *end == '\0' && out >= 0;
-}
-
-// Re-runs this program under umockdev-wrapper, which preloads the testbed.
-int reexecUnderWrapper(char** argv)
-{
-    std::vector<char*> args;
-    args.push_back(const_cast<char*>("umockdev-wrapper"));
-    static char self[4096];
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) {
-        std::fprintf(stderr, "halyx-sim: cannot find its own executable\n");
-        return 1;
-    }
-    self[n] = '\0';
-    args.push_back(self);
-    for (int i = 1; argv[i] != nullptr; ++i) {
-        args.push_back(argv[i]);
-    }
-    args.push_back(nullptr);
-#ifdef __SANITIZE_ADDRESS__
-    // The preload comes before the ASan runtime; ASan must be told that is fine.
-    const char* options = std::getenv("ASAN_OPTIONS");
-    std::string asan = options != nullptr ? options : "";
-    if (asan.find("verify_asan_link_order") == std::string::npos) {
-        setenv("ASAN_OPTIONS", (asan.empty() ? asan : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
-    }
-#endif
-    execvp(args[0], args.data());
-    std::fprintf(stderr, "halyx-sim: cannot run umockdev-wrapper (%s); install the umockdev package\n",
-                 std::strerror(errno));
-    return 1;
 }
 
 } // namespace
@@ -155,7 +125,8 @@ int main(int argc, char** argv)
         return usage("no command given");
     }
     if (!HALYX::SIM::Testbed::inMockEnvironment()) {
-        return reexecUnderWrapper(argv);
+        HALYX::SIM::execUnderWrapper(std::vector<std::string>(argv + 1, argv + argc));
+        return 1;
     }
 
     try {
