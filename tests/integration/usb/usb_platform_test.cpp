@@ -5,6 +5,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -250,6 +256,38 @@ TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)
     EXPECT_TRUE(serial_less->at("serialPorts").at(0).at("serialNumber").is_null());
 
     ASSERT_EQ(halyx_release_context(context), HALYX_SUCCESS);
+}
+
+TEST(UsbPlatform, KitSerialPortsCarryBytesToThePtyBehindThem)
+{
+    Testbed testbed;
+    const auto& kit = testbed.plug(HALYX::SIM::makerKit("KV-IO"));
+    const int port = ::open(kit.ttys[1].c_str(), O_RDWR | O_NOCTTY);
+    ASSERT_GE(port, 0) << kit.ttys[1];
+    // Terminal ioctls reach the real pty: raw mode and non-blocking I/O work.
+    termios settings{};
+    ASSERT_EQ(tcgetattr(port, &settings), 0);
+    cfmakeraw(&settings);
+    cfsetspeed(&settings, B115200);
+    ASSERT_EQ(tcsetattr(port, TCSANOW, &settings), 0);
+    int on = 1;
+    ASSERT_EQ(ioctl(port, FIONBIO, &on), 0);
+
+    const int master = testbed.ttyMaster(kit.ttys[1]);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(::write(port, "ping", 4), 4);
+    char buffer[16] = {};
+    pollfd ready{master, POLLIN, 0};
+    ASSERT_EQ(::poll(&ready, 1, 2000), 1);
+    ASSERT_EQ(::read(master, buffer, sizeof buffer), 4);
+    EXPECT_EQ(std::string(buffer, 4), "ping");
+
+    ASSERT_EQ(::write(master, "pong", 4), 4);
+    ready = pollfd{port, POLLIN, 0};
+    ASSERT_EQ(::poll(&ready, 1, 2000), 1);
+    ASSERT_EQ(::read(port, buffer, sizeof buffer), 4);
+    EXPECT_EQ(std::string(buffer, 4), "pong");
+    ::close(port);
 }
 
 } // namespace
