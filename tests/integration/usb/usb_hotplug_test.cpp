@@ -67,6 +67,11 @@ protected:
     {
         ASSERT_EQ(halyx_create_context(&context_), HALYX_SUCCESS);
         ASSERT_EQ(halyx_register_device_event(context_, &Events::record, &events_), HALYX_SUCCESS);
+        // The testbed binds a kit's ttys one after the other, slowly under the
+        // sanitizers; the arrival waits for all of them, and returns as soon
+        // as they are there.
+        const halyx_timeout_configuration_t timeouts{60000, 3000, 30000, 30000};
+        ASSERT_EQ(halyx_set_timeout(context_, &timeouts), HALYX_SUCCESS);
     }
     void TearDown() override
     {
