@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -180,6 +181,32 @@ TEST_F(Hotplug, EventHandlerStartsAndStopsWhileKitsComeAndGo)
         ASSERT_EQ(arrived.type, HALYX_DEVICE_EVENT_ARRIVED);
         EXPECT_EQ(arrived.device.at("serialNumber"), serial);
     }
+}
+
+TEST_F(Hotplug, ACallbackCannotStopTheThreadItRunsOn)
+{
+    struct Attempt {
+        std::mutex mutex;
+        std::condition_variable done;
+        std::optional<halyx_errorcode_t> code;
+    } attempt;
+    ASSERT_EQ(halyx_unregister_device_event(context_), HALYX_SUCCESS);
+    ASSERT_EQ(halyx_register_device_event(
+                  context_,
+                  [](halyx_context* context, const halyx_device_event_t*, void* self) {
+                      auto* a = static_cast<Attempt*>(self);
+                      const auto code = halyx_stop_eventhandler(context);
+                      std::lock_guard lock(a->mutex);
+                      a->code = code;
+                      a->done.notify_all();
+                  },
+                  &attempt),
+              HALYX_SUCCESS);
+    ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
+    testbed_.plug(HALYX::SIM::otherVendorDevice("OT-STOP"));
+    std::unique_lock lock(attempt.mutex);
+    ASSERT_TRUE(attempt.done.wait_for(lock, 5s, [&] { return attempt.code.has_value(); }));
+    EXPECT_EQ(*attempt.code, HALYX_ERR_INVALID_STATE);
 }
 
 } // namespace
