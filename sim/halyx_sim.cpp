@@ -39,9 +39,9 @@ const char* const kUsage =
     "  --interrupt-at MS       send COMMAND an interrupt (Ctrl-C) then (default: never)\n";
 
 struct Options {
-    std::vector<HALYX::SIM::KitSpec> kits;
+    std::vector<HALYX::SIM::KitModel> kits;
     std::vector<std::string> devices;
-    std::optional<HALYX::SIM::KitSpec> hotplug;
+    std::optional<HALYX::SIM::KitModel> hotplug;
     long plugAt = 1000;
     long unplugAt = 2000;
     long interruptAt = 0;
@@ -54,7 +54,7 @@ int usage(const std::string& problem)
     return 2;
 }
 
-std::optional<HALYX::SIM::KitSpec> parseKit(const std::string& text)
+std::optional<HALYX::SIM::KitModel> parseKit(const std::string& text)
 {
     const auto equals = text.find('=');
     return HALYX::SIM::kitByName(text.substr(0, equals), equals == std::string::npos ? "" : text.substr(equals + 1));

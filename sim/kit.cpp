@@ -54,7 +54,7 @@ std::string idPart(std::string text)
     return text;
 }
 
-uint8_t interfaceCount(const KitSpec& kit)
+uint8_t interfaceCount(const KitModel& kit)
 {
     return static_cast<uint8_t>(2 * kit.cdcPorts + (kit.vendorInterface ? 1 : 0) + (kit.dfuTrigger ? 1 : 0));
 }
@@ -75,9 +75,9 @@ std::vector<uint8_t> encodeDfuInfo(uint32_t address, uint16_t major, uint16_t mi
     return out;
 }
 
-KitSpec makerKit(const std::string& serial_number)
+KitModel makerKit(const std::string& serial_number)
 {
-    KitSpec kit;
+    KitModel kit;
     kit.name = "maker";
     kit.vendorId = 0x7A5C;
     kit.productId = 0x1055;
@@ -92,9 +92,9 @@ KitSpec makerKit(const std::string& serial_number)
     return kit;
 }
 
-KitSpec probeKit(const std::string& serial_number)
+KitModel probeKit(const std::string& serial_number)
 {
-    KitSpec kit;
+    KitModel kit;
     kit.name = "probe";
     kit.vendorId = 0x1366;
     kit.productId = 0x1051;
@@ -107,9 +107,9 @@ KitSpec probeKit(const std::string& serial_number)
     return kit;
 }
 
-KitSpec oldCdcKit(const std::string& serial_number)
+KitModel oldCdcKit(const std::string& serial_number)
 {
-    KitSpec kit;
+    KitModel kit;
     kit.name = "oldcdc";
     kit.vendorId = 0x7A5C;
     kit.productId = 0x9100;
@@ -122,9 +122,9 @@ KitSpec oldCdcKit(const std::string& serial_number)
     return kit;
 }
 
-KitSpec otherVendorDevice(const std::string& serial_number)
+KitModel otherVendorDevice(const std::string& serial_number)
 {
-    KitSpec kit;
+    KitModel kit;
     kit.name = "other";
     kit.vendorId = 0x1209;
     kit.productId = 0x0001;
@@ -136,7 +136,7 @@ KitSpec otherVendorDevice(const std::string& serial_number)
     return kit;
 }
 
-std::optional<KitSpec> kitByName(const std::string& name, const std::string& serial_number)
+std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number)
 {
     if (name == "maker") {
         return serial_number.empty() ? makerKit() : makerKit(serial_number);
@@ -153,7 +153,7 @@ std::optional<KitSpec> kitByName(const std::string& name, const std::string& ser
     return std::nullopt;
 }
 
-std::vector<uint8_t> deviceDescriptor(const KitSpec& kit)
+std::vector<uint8_t> deviceDescriptor(const KitModel& kit)
 {
     // Composite device with interface association, as CDC kits present themselves.
     std::vector<uint8_t> out{18, 0x01};
@@ -166,12 +166,12 @@ std::vector<uint8_t> deviceDescriptor(const KitSpec& kit)
     return out;
 }
 
-uint8_t dfuTriggerInterface(const KitSpec& kit)
+uint8_t dfuTriggerInterface(const KitModel& kit)
 {
     return static_cast<uint8_t>(2 * kit.cdcPorts + (kit.vendorInterface ? 1 : 0));
 }
 
-std::vector<uint8_t> configurationDescriptor(const KitSpec& kit)
+std::vector<uint8_t> configurationDescriptor(const KitModel& kit)
 {
     std::vector<uint8_t> body;
     uint8_t next_endpoint = 1;
@@ -204,7 +204,7 @@ std::vector<uint8_t> configurationDescriptor(const KitSpec& kit)
     return out;
 }
 
-std::vector<SysfsNode> describeKit(const KitSpec& kit, const Placement& place)
+std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
 {
     std::vector<SysfsNode> nodes;
     const auto name = fmt::format("{}-{}", place.bus, place.port);

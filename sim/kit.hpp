@@ -9,7 +9,7 @@ namespace HALYX::SIM {
 
 // What a simulated USB kit shows the host. The descriptors are built from
 // these fields; the fixture answers the requests they imply.
-struct KitSpec {
+struct KitModel {
     std::string name;
     uint16_t vendorId = 0;
     uint16_t productId = 0;
@@ -28,23 +28,23 @@ struct KitSpec {
 // The four kits of the simulator: the maker's kit with two serial ports,
 // a kit behind an on-board debug probe, a maker's device with old CDC
 // firmware, and a device of another vendor.
-KitSpec makerKit(const std::string& serial_number = "KV0000001");
-KitSpec probeKit(const std::string& serial_number = "000683000123");
-KitSpec oldCdcKit(const std::string& serial_number = "KV0000009");
-KitSpec otherVendorDevice(const std::string& serial_number = "OTHER0001");
+KitModel makerKit(const std::string& serial_number = "KV0000001");
+KitModel probeKit(const std::string& serial_number = "000683000123");
+KitModel oldCdcKit(const std::string& serial_number = "KV0000009");
+KitModel otherVendorDevice(const std::string& serial_number = "OTHER0001");
 
 // The kit of this name ("maker", "probe", "oldcdc", "other"); nullopt if unknown.
-std::optional<KitSpec> kitByName(const std::string& name, const std::string& serial_number = {});
+std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number = {});
 
 // The 24-byte DFU-trigger information record.
 std::vector<uint8_t> encodeDfuInfo(uint32_t address, uint16_t major, uint16_t minor, uint32_t firmware_id,
                                    uint32_t flash_size, uint32_t page_size);
 
 // The device descriptor (18 bytes) and the one configuration descriptor.
-std::vector<uint8_t> deviceDescriptor(const KitSpec& kit);
-std::vector<uint8_t> configurationDescriptor(const KitSpec& kit);
+std::vector<uint8_t> deviceDescriptor(const KitModel& kit);
+std::vector<uint8_t> configurationDescriptor(const KitModel& kit);
 // Interface number of the DFU-trigger interface (valid when kit.dfuTrigger).
-uint8_t dfuTriggerInterface(const KitSpec& kit);
+uint8_t dfuTriggerInterface(const KitModel& kit);
 
 // Where one kit sits on the simulated bus.
 struct Placement {
@@ -63,6 +63,6 @@ struct SysfsNode {
 
 // The umockdev description of a kit at a place: the USB device, its
 // interfaces and its ttys, in that order.
-std::vector<SysfsNode> describeKit(const KitSpec& kit, const Placement& place);
+std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place);
 
 } // namespace HALYX::SIM

@@ -51,7 +51,7 @@ std::vector<uint8_t> stringDescriptor(const std::string& text)
 // Answers a kit's control transfers on usbfs. Runs on umockdev's worker thread.
 class UsbResponder {
 public:
-    explicit UsbResponder(KitSpec spec) : spec_(std::move(spec)), handler_(umockdev_ioctl_base_new())
+    explicit UsbResponder(KitModel model) : model_(std::move(model)), handler_(umockdev_ioctl_base_new())
     {
         g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(&UsbResponder::onIoctl), this);
     }
@@ -77,19 +77,19 @@ private:
             const uint8_t kind = static_cast<uint8_t>(value >> 8);
             const uint8_t number = static_cast<uint8_t>(value & 0xFF);
             if (kind == 0x01) {
-                return deviceDescriptor(spec_);
+                return deviceDescriptor(model_);
             }
             if (kind == 0x02) {
-                return configurationDescriptor(spec_);
+                return configurationDescriptor(model_);
             }
             if (kind == 0x03) {
                 switch (number) {
                 case 0: return std::vector<uint8_t>{4, 0x03, 0x09, 0x04};
-                case 1: return stringDescriptor(spec_.manufacturer);
-                case 2: return stringDescriptor(spec_.product);
+                case 1: return stringDescriptor(model_.manufacturer);
+                case 2: return stringDescriptor(model_.product);
                 case 3:
-                    if (spec_.serialNumber) {
-                        return stringDescriptor(*spec_.serialNumber);
+                    if (model_.serialNumber) {
+                        return stringDescriptor(*model_.serialNumber);
                     }
                     break;
                 default: break;
@@ -97,15 +97,15 @@ private:
             }
             return std::nullopt;
         }
-        const bool to_trigger = spec_.dfuTrigger && (index & 0xFF) == dfuTriggerInterface(spec_);
+        const bool to_trigger = model_.dfuTrigger && (index & 0xFF) == dfuTriggerInterface(model_);
         if (type == 0xA1 && to_trigger) {
-            if (request == 8 && !spec_.semVer.empty()) {
-                std::vector<uint8_t> text(spec_.semVer.begin(), spec_.semVer.end());
+            if (request == 8 && !model_.semVer.empty()) {
+                std::vector<uint8_t> text(model_.semVer.begin(), model_.semVer.end());
                 text.push_back(0);
                 return text;
             }
-            if (request == 7 && !spec_.dfuInfo.empty()) {
-                return spec_.dfuInfo;
+            if (request == 7 && !model_.dfuInfo.empty()) {
+                return model_.dfuInfo;
             }
         }
         return std::nullopt;
@@ -180,7 +180,7 @@ private:
         umockdev_ioctl_client_complete(client, -1, ENOTTY);
     }
 
-    const KitSpec spec_;
+    const KitModel model_;
     GPtr<UMockdevIoctlBase> handler_;
     std::mutex mutex_;
     std::deque<UMockdevIoctlData*> completed_; // each holds a reference
@@ -244,16 +244,16 @@ void Testbed::addNode(const SysfsNode& node)
     }
 }
 
-const Testbed::Kit& Testbed::plug(const KitSpec& spec, bool ports_later)
+const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
 {
     std::lock_guard lock(mutex_);
     Kit kit;
     kit.id = next_id_++;
-    kit.spec = spec;
+    kit.model = model;
     kit.place = Placement{1, next_port_++, next_devnum_++, next_tty_};
-    next_tty_ += spec.cdcPorts;
+    next_tty_ += model.cdcPorts;
 
-    const auto nodes = describeKit(spec, kit.place);
+    const auto nodes = describeKit(model, kit.place);
     kit.usbSyspath = nodes.front().syspath;
     kit.usbNode = nodes.front().devnode;
 
@@ -274,7 +274,7 @@ const Testbed::Kit& Testbed::plug(const KitSpec& spec, bool ports_later)
             tty_forwarders_[node.devnode] = std::move(forwarder);
         }
         if (&node == &nodes.front()) {
-            auto responder = std::make_unique<UsbResponder>(spec);
+            auto responder = std::make_unique<UsbResponder>(model);
             GError* error = nullptr;
             if (!umockdev_testbed_attach_ioctl(testbed_, kit.usbNode.c_str(), responder->handler(), &error)) {
                 fail("cannot attach to " + kit.usbNode, error);

@@ -28,7 +28,7 @@ class Testbed {
 public:
     struct Kit {
         unsigned id = 0;
-        KitSpec spec;
+        KitModel model;
         Placement place;
         std::string usbSyspath;
         std::string usbNode;
@@ -43,7 +43,7 @@ public:
 
     // Adds a kit on the next free port with a new device number and fresh
     // tty names; with ports_later the ttys come later, through addPorts().
-    const Kit& plug(const KitSpec& spec, bool ports_later = false);
+    const Kit& plug(const KitModel& model, bool ports_later = false);
     // Binds the ttys of a kit plugged with ports_later.
     void addPorts(unsigned id);
     // Removes a kit, children first, with "remove" uevents.

@@ -137,9 +137,9 @@ TEST_F(Hotplug, PortsThatBindAfterTheSettleTimeArriveAsAnUpdate)
     ASSERT_EQ(halyx_set_timeout(context_, &timeouts), HALYX_SUCCESS);
     ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
 
-    auto spec = HALYX::SIM::makerKit();
-    spec.serialNumber.reset(); // the update must find the record by USB identifier
-    const auto kit = testbed_.plug(spec, /*ports_later=*/true);
+    auto model = HALYX::SIM::makerKit();
+    model.serialNumber.reset(); // the update must find the record by USB identifier
+    const auto kit = testbed_.plug(model, /*ports_later=*/true);
     const auto arrived = events_.next();
     ASSERT_EQ(arrived.type, HALYX_DEVICE_EVENT_ARRIVED);
     EXPECT_TRUE(comNames(arrived.device).empty());
