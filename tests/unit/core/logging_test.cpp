@@ -205,3 +205,19 @@ TEST(Logging, ReleaseWhileAnotherThreadLogs)
     HALYX::Log::info("after the storm");
     EXPECT_TRUE(kept.waitFor("after the storm"));
 }
+
+// What was logged before a release reaches the callback before release returns.
+TEST(Logging, ReleaseDeliversWhatIsQueued)
+{
+    std::atomic<int> delivered{0};
+    TestContext context;
+    ASSERT_EQ(halyx_register_log_event(
+                  context, [](uint32_t, const char*, void* n) { ++*static_cast<std::atomic<int>*>(n); }, &delivered),
+              HALYX_SUCCESS);
+    halyx_set_log_level(context, HALYX_LOG_LEVEL_INFO);
+    for (int i = 0; i < 1000; ++i) {
+        HALYX::Log::info("line {}", i);
+    }
+    ASSERT_TRUE(context.release());
+    EXPECT_EQ(delivered, 1000);
+}
