@@ -45,8 +45,13 @@ void halyx_context::shutDown()
     if (callback != nullptr) {
         callback(this);
     }
-    unregisterLogCallback();
+    // Lines logged up to here still reach the application: the last ones
+    // usually say why something ended.
+    if (auto sink = HALYX::Log::sink()) {
+        sink->unsubscribe(log_subscriber_.get());
+    }
     log_subscriber_->stop();
+    unregisterLogCallback();
 }
 
 halyx_timeout_configuration_t halyx_context::timeouts()

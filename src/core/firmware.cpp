@@ -1,6 +1,7 @@
 #include "core/firmware.hpp"
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <system_error>
@@ -14,14 +15,22 @@ namespace {
 
 void checkReadableFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (file) {
-        return;
-    }
-    const int error = errno;
-    if (error == ENOENT || error == ENOTDIR) {
+    std::error_code status_error;
+    const auto status = std::filesystem::status(path, status_error);
+    if (!std::filesystem::exists(status)) {
+        const int error = status_error ? status_error.value() : ENOENT;
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
                              fmt::format("file does not exist: {} (error code: {}, error_message )", path, error));
+    }
+    // A directory opens as a stream on some hosts but is never an image.
+    int error = std::filesystem::is_directory(status) ? EISDIR : 0;
+    if (error == 0) {
+        errno = 0;
+        std::ifstream file(path, std::ios::binary);
+        if (file) {
+            return;
+        }
+        error = errno != 0 ? errno : EIO;
     }
     throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
                          fmt::format("Other error when trying to open file: {} (error code: {}, error_message )",

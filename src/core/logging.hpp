@@ -46,6 +46,8 @@ template <typename... Args>
 void warn(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::warn, f, std::forward<Args>(a)...); }
 template <typename... Args>
 void error(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::err, f, std::forward<Args>(a)...); }
+template <typename... Args>
+void critical(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::critical, f, std::forward<Args>(a)...); }
 
 // "{prefix} HALYXException({code}): {what}" and "{prefix} Exception: {what}".
 void exception(spdlog::level::level_enum level, const HALYXException& e, std::string_view prefix = {}) noexcept;

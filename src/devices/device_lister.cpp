@@ -264,6 +264,19 @@ std::string DeviceLister::deviceJson(uint64_t id) const
     return device->toJson().dump();
 }
 
+Device DeviceLister::findDevice(const nlohmann::json& device) const
+{
+    const auto serial_number = device.find("serialNumber");
+    if (serial_number == device.end() || !serial_number->is_string()) {
+        throw HALYXException(HALYX_ERR_NOT_FOUND, "serialnumber not present");
+    }
+    auto found = pool_.findBySerialNumber(serial_number->get<std::string>());
+    if (!found) {
+        throw HALYXException(HALYX_ERR_NOT_FOUND, "device not found");
+    }
+    return std::move(*found);
+}
+
 void DeviceLister::setFilter(std::vector<std::string> traits)
 {
     std::lock_guard lock(filter_mutex_);

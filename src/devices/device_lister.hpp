@@ -50,6 +50,10 @@ public:
     // The device's document as compact JSON; throws 10 "device not found".
     std::string deviceJson(uint64_t id) const;
 
+    // The pooled record a device document names by "serialNumber"; throws 10
+    // "serialnumber not present" or 10 "device not found".
+    Device findDevice(const nlohmann::json& device) const;
+
     void setFilter(std::vector<std::string> traits);
     void resetFilter();
 

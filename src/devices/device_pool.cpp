@@ -7,7 +7,7 @@ namespace HALYX {
 namespace {
 
 template <typename Map>
-typename Map::iterator findBySerialNumber(Map& devices, const std::string& serial_number)
+auto entryWithSerialNumber(Map& devices, const std::string& serial_number)
 {
     for (auto it = devices.begin(); it != devices.end(); ++it) {
         if (it->second.serialNumber == serial_number) {
@@ -51,7 +51,7 @@ DevicePool::MergeResult DevicePool::merge(const event_object& finding)
 {
     std::lock_guard lock(mutex_);
     if (finding.serialNumber) {
-        if (auto it = findBySerialNumber(devices_, *finding.serialNumber); it != devices_.end()) {
+        if (auto it = entryWithSerialNumber(devices_, *finding.serialNumber); it != devices_.end()) {
             applyFinding(it->second, finding);
             return {it->first, false};
         }
@@ -74,11 +74,11 @@ void DevicePool::replaceAll(const std::vector<event_object>& findings)
     std::map<uint64_t, Device> fresh;
     for (const auto& finding : findings) {
         if (finding.serialNumber) {
-            if (auto it = findBySerialNumber(fresh, *finding.serialNumber); it != fresh.end()) {
+            if (auto it = entryWithSerialNumber(fresh, *finding.serialNumber); it != fresh.end()) {
                 applyFinding(it->second, finding);
                 continue;
             }
-            auto old = findBySerialNumber(devices_, *finding.serialNumber);
+            auto old = entryWithSerialNumber(devices_, *finding.serialNumber);
             addLocked(finding, fresh, old != devices_.end() ? old->first : next_id_++);
             continue;
         }
@@ -108,6 +108,16 @@ std::optional<uint64_t> DevicePool::find(const event_object& finding) const
         }
     }
     return std::nullopt;
+}
+
+std::optional<Device> DevicePool::findBySerialNumber(const std::string& serial_number) const
+{
+    std::lock_guard lock(mutex_);
+    const auto it = entryWithSerialNumber(devices_, serial_number);
+    if (it == devices_.end()) {
+        return std::nullopt;
+    }
+    return it->second;
 }
 
 std::optional<Device> DevicePool::remove(uint64_t id)
@@ -173,6 +183,9 @@ void DevicePool::update(const nlohmann::json& device)
 {
     if (!device.is_object() || !device.contains("id")) {
         throw HALYXException(HALYX_ERR_NOT_FOUND, "device not found");
+    }
+    if (!device.contains("serialNumber")) {
+        throw HALYXException(HALYX_ERR_NOT_FOUND, "serialnumber not present");
     }
     const auto id = device.at("id").get<uint64_t>();
     std::lock_guard lock(mutex_);

@@ -34,6 +34,7 @@ public:
     // The record a departing device had: by serial number, else by USB identifier.
     std::optional<uint64_t> find(const event_object& finding) const;
 
+    std::optional<Device> findBySerialNumber(const std::string& serial_number) const;
     std::optional<Device> remove(uint64_t id);
     std::optional<Device> get(uint64_t id) const;
     std::vector<Device> snapshot() const;
@@ -42,8 +43,9 @@ public:
     bool empty() const;
 
     // Folds a plugin-edited device object back into the record of its "id".
-    // Throws 10 "device not found" without "id"; a device that left in the
-    // meantime is skipped.
+    // Throws 10 "device not found" without "id" and 10 "serialnumber not
+    // present" without "serialNumber"; a device that left in the meantime is
+    // skipped.
     void update(const nlohmann::json& device);
 
     void mergeTraitsIntoAll(const Traits& traits);
