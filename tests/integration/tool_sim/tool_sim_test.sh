@@ -66,7 +66,8 @@ for problem in problems:
 sys.exit(1 if problems else 0)
 PY
 
-timeout 60 "$sim" --kit maker --hotplug other --plug-at 300 --unplug-at 900 --interrupt-at 1500 \
+# The tool needs time to start watching (more under the sanitizers) before the kit comes.
+timeout 60 "$sim" --kit maker --hotplug other --plug-at 1500 --unplug-at 2500 --interrupt-at 3500 \
     -- "$tool" watch >"$work/watch.out" 2>"$work/watch.err"
 status=$?
 if [ "$status" -ne 0 ]; then
