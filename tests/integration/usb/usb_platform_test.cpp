@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <mutex>
 #include <string>
@@ -22,6 +23,7 @@
 #include "halyx.h"
 #include "platform/linux/usb_platform_api.hpp"
 #include "platform/usb_lister.hpp"
+#include "test_context.hpp"
 #include "testbed.hpp"
 
 namespace {
@@ -48,33 +50,6 @@ const json* bySerial(const json& list, const std::string& serial)
     }
     return nullptr;
 }
-
-// Collects the library's log lines.
-struct LogLines {
-    static void collect(uint32_t, const char* message, void* self)
-    {
-        auto* lines = static_cast<LogLines*>(self);
-        std::lock_guard lock(lines->mutex);
-        lines->text += message;
-        lines->text += '\n';
-    }
-    // Lines reach the callback from the log dispatcher, a little later.
-    bool contains(const std::string& part)
-    {
-        for (int i = 0; i < 200; ++i) {
-            {
-                std::lock_guard lock(mutex);
-                if (text.find(part) != std::string::npos) {
-                    return true;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
-    std::mutex mutex;
-    std::string text;
-};
 
 // One enumeration through the C interface, as the document a caller prints.
 json enumerateDocument(halyx_context* context)
@@ -202,9 +177,8 @@ TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)
 
     halyx_context* context = nullptr;
     ASSERT_EQ(halyx_create_context(&context), HALYX_SUCCESS);
-    LogLines log;
-    ASSERT_EQ(halyx_register_log_event(context, &LogLines::collect, &log), HALYX_SUCCESS);
-    ASSERT_EQ(halyx_set_log_level(context, 1), HALYX_SUCCESS);
+    std::optional<halyx_test::LogCapture> captured;
+    auto& library_log = captured.emplace(context, 1);
     const auto document = enumerateDocument(context);
     ASSERT_EQ(document.at("devices").size(), 4u) << document.dump(2);
 
@@ -239,8 +213,8 @@ TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)
     ASSERT_NE(dongle, nullptr);
     EXPECT_FALSE(dongle->at("traits").at("broken"));
     EXPECT_EQ(dongle->at("serialPorts").at(0).at("comName"), old.ttys[0]);
-    EXPECT_TRUE(log.contains("The firmware on this device has a bug related to DTR/RTS"));
-    EXPECT_TRUE(log.contains("USBLister: failed to send setup packet KELVANE_SEM_VER_REQUEST"));
+    EXPECT_TRUE(library_log.waitFor("The firmware on this device has a bug related to DTR/RTS"));
+    EXPECT_TRUE(library_log.waitFor("USBLister: failed to send setup packet KELVANE_SEM_VER_REQUEST"));
 
     // Without a USB serial number the port finds its device by USB identifier.
     const json* serial_less = nullptr;
@@ -255,6 +229,7 @@ TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)
     EXPECT_EQ(serial_less->at("serialPorts").at(0).at("comName"), nameless.ttys[0]);
     EXPECT_TRUE(serial_less->at("serialPorts").at(0).at("serialNumber").is_null());
 
+    captured.reset();
     ASSERT_EQ(halyx_release_context(context), HALYX_SUCCESS);
 }
 
