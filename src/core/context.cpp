@@ -80,15 +80,16 @@ void halyx_context::setConfiguration(HALYX::ConfigurationMap configuration)
     configuration_ = std::move(configuration);
 }
 
+// The lister serialises start and stop itself. The context mutex is not held
+// here: stopping joins the notification thread, and a device-event callback on
+// that thread may be starting an operation, which takes the context mutex.
 void halyx_context::startEvents()
 {
-    std::lock_guard lock(context_mutex_);
     lister->startEvents();
 }
 
 void halyx_context::stopEvents()
 {
-    std::lock_guard lock(context_mutex_);
     lister->stopEvents();
 }
 

@@ -36,8 +36,8 @@ ContextParts defaultContextParts();
 // The unit of use of the library. Owns its tasks, log subscription and last
 // error; every export reaches its state through here.
 //
-// Locks: context_mutex_ guards timeouts, device lookups for operations and
-// the event-handler calls;
+// Locks: context_mutex_ guards timeouts and device lookups for operations
+// (never held while the event handler starts or stops: see startEvents);
 // shutdown_mutex guards the shutdown callback; configuration_mutex the map;
 // the task table, last error and log subscriber carry their own.
 struct halyx_context {

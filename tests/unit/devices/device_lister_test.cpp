@@ -358,3 +358,34 @@ TEST(DeviceLister, ConcurrentUse)
     EXPECT_GT(events, 0);
     halyx_stop_eventhandler(context);
 }
+
+// A device-event callback that starts an operation while another thread stops
+// the event handler: the stop waits for the callback, which must not wait for
+// the stop in turn.
+TEST(DeviceLister, StoppingEventsWhileACallbackStartsAnOperation)
+{
+    struct State {
+        std::atomic<bool> inside{false};
+        std::atomic<halyx_errorcode_t> code{HALYX_SUCCESS};
+    } state;
+    TestContext context;
+    ASSERT_EQ(halyx_register_device_event(
+                  context,
+                  [](halyx_context* ctx, const halyx_device_event_t* event, void* user) {
+                      auto* s = static_cast<State*>(user);
+                      s->inside = true;
+                      std::this_thread::sleep_for(50ms);
+                      uint64_t task = 0;
+                      s->code = halyx_fw_erase(ctx, static_cast<uint32_t>(event->device_id), nullptr, &task, nullptr,
+                                               nullptr);
+                  },
+                  &state),
+              HALYX_SUCCESS);
+    ASSERT_EQ(halyx_start_eventhandler(context), HALYX_SUCCESS);
+    context.lister().plug(finding("K"));
+    while (!state.inside) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(halyx_stop_eventhandler(context), HALYX_SUCCESS);
+    EXPECT_EQ(state.code, HALYX_ERR_NO_MATCHING_TRAIT);
+}
