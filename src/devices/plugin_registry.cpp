@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "mcuboot/mcuboot_plugin.hpp"
+
 namespace HALYX {
 namespace {
 
@@ -77,8 +79,10 @@ std::shared_ptr<PluginApi> PluginRegistry::select(const std::string& device_json
 std::vector<PluginRegistry::Factory> builtinPluginFactories()
 {
     // The host's plugins (serial ports, probes, bootloaders) register here as
-    // they are built; none is part of this build yet.
-    return {};
+    // they are built.
+    return {
+        [] { return std::make_unique<MCUBOOT::McubootPlugin>(); },
+    };
 }
 
 } // namespace HALYX
