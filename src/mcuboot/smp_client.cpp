@@ -16,6 +16,7 @@ constexpr milliseconds kParameterQueryTimeout{400};
 // Room for an answer ({"rc", "off"} in one or two lines) in the wire-time estimate.
 constexpr size_t kResponseAllowance = 64;
 constexpr int kUploadSpan = 90;
+constexpr milliseconds kResendSlack{1000};
 
 uint32_t validChunk(int64_t size)
 {
@@ -64,11 +65,14 @@ McuBootError SmpClient::send(const SmpPacket& packet, const SmpTransport::Respon
 {
     // Time limits grow with what the line needs to carry the request: the
     // response time-out starts once the device can have read it.
+    // Room for one re-send on the line, too.
     const auto wire = wireTime(transport_->wireSize(packet) + kResponseAllowance);
-    const auto budget = response_timeout_ + wire;
+    const auto budget = response_timeout_ + 2 * wire;
     const auto transmit = 2 * wire + milliseconds(1000);
-    // An erase can take the device long; sending it again only queues a second one.
-    const auto wait_time = wait == Wait::Whole ? budget : std::min(budget, 2 * wire + milliseconds(500));
+    // A lost answer is asked for again soon after it was due; but an erase
+    // can take the device long, and sending it again only queues a second one.
+    const auto slack = std::min(kResendSlack, response_timeout_ / 2);
+    const auto wait_time = wait == Wait::Whole ? budget : std::min(budget, wire + slack);
     return transport_->send(packet, handler, wait_time, budget, transmit);
 }
 

@@ -102,6 +102,12 @@ void SmpUartTransport::onStatus(McuBootError status, const std::string& message)
     }
 }
 
+bool SmpUartTransport::receiving()
+{
+    std::lock_guard lock(receive_mutex_);
+    return receiver_.pendingFrames() > 0 || receiver_.bufferedBytes() > 0;
+}
+
 std::optional<SmpPacket> SmpUartTransport::takeResponse(uint8_t seq)
 {
     // Caller holds queue_mutex_.
@@ -186,9 +192,9 @@ McuBootError SmpUartTransport::send(const SmpPacket& packet, const ResponseHandl
             Log::error("No time left to wait for data. Timeout");
             return McuBootError::Timeout;
         }
-        if (data && !corrupt) {
-            // The device is talking: its answer may be on the way, and a
-            // re-send would only queue a second one behind it.
+        if (data && !corrupt && receiving()) {
+            // Part of an answer is in: the rest is on its way, and a re-send
+            // would only queue a second one behind it.
             continue;
         }
         Log::info("Re-sending package. {}ms left before timeout.", left.count());

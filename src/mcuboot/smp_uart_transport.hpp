@@ -49,6 +49,8 @@ private:
     void onData(std::span<const uint8_t> bytes);
     void onStatus(McuBootError status, const std::string& message);
     std::optional<SmpPacket> takeResponse(uint8_t seq);
+    // True while part of a packet has been received.
+    bool receiving();
 
     const std::string name_;
     std::atomic<uint32_t> mtu_{kDefaultMtu};
