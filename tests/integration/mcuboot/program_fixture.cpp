@@ -25,8 +25,8 @@ std::vector<HALYX::event_object> SimulatedKitLister::enumerate()
         usb.traits = kit.traits;
         usb.traits["usb"] = true;
         findings.push_back(usb);
-        if (kit.simulator != nullptr) {
-            const auto port = kit.simulator->port();
+        if (kit.simulator != nullptr || !kit.port.empty()) {
+            const auto port = kit.simulator != nullptr ? kit.simulator->port() : kit.port;
             HALYX::event_object ports;
             ports.serialNumber = kit.serialNumber;
             ports.sectionName = "serialPorts";

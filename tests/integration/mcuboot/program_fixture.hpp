@@ -28,6 +28,7 @@ public:
         std::string productId; // hex, as the serial-port lister writes it
         HALYX::SIM::SmpSimulator* simulator = nullptr; // null: a kit without serial ports
         HALYX::Traits traits;
+        std::string port; // a terminal of someone else's, when there is no simulator
     };
 
     explicit SimulatedKitLister(std::vector<Kit> kits) : kits_(std::move(kits)) {}

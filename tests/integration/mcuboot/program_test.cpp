@@ -17,7 +17,7 @@ constexpr const char* kSerial = "SIMMCUBOOT01";
 
 SimulatedKitLister::Kit mcubootKit(SmpSimulator& simulator, std::string serial = kSerial)
 {
-    return {std::move(serial), "Kit in MCUBOOT serial recovery", "1234", &simulator, {}};
+    return {std::move(serial), "Kit in MCUBOOT serial recovery", "1234", &simulator, {}, {}};
 }
 
 // An image of `size` bytes in `format`, and the bytes the device must end up with.
@@ -84,7 +84,7 @@ TEST(McubootProgram, BinHexAndPackageLandByteForByte)
 {
     SmpSimulator device(SmpSimulator::Config{});
     SmpSimulator other(SmpSimulator::Config{});
-    ProgramHarness harness({mcubootKit(device), {"OTHERKIT", "Dev kit", "1234", &other, {}}});
+    ProgramHarness harness({mcubootKit(device), {"OTHERKIT", "Dev kit", "1234", &other, {}, {}}});
     const auto listed = harness.enumerate();
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("mcuBoot"));
     EXPECT_FALSE(listed.at(kSerial).at("traits").at("modem"));
@@ -159,7 +159,7 @@ TEST(McubootProgram, NegotiatedLimitsAreKept)
 TEST(McubootProgram, ModemPackageGoesToTheModemGroup)
 {
     SmpSimulator device(SmpSimulator::Config{});
-    ProgramHarness harness({{kSerial, "Cellular kit", "520F", &device, {}}});
+    ProgramHarness harness({{kSerial, "Cellular kit", "520F", &device, {}, {}}});
     const auto listed = harness.enumerate();
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("modem"));
     const auto zip = tempPath("modem.zip");
@@ -269,7 +269,7 @@ TEST(McubootProgram, RefusalsBeforeTheDeviceIsOpened)
 {
     SmpSimulator device(SmpSimulator::Config{});
     // A kit marked as MCUboot by another lister but without a serial port.
-    ProgramHarness harness({mcubootKit(device), {"NOPORTS", "MCUBOOT", "1234", nullptr, {{"mcuBoot", true}}}});
+    ProgramHarness harness({mcubootKit(device), {"NOPORTS", "MCUBOOT", "1234", nullptr, {{"mcuBoot", true}}, {}}});
     const auto bin = tempPath("refusals.bin");
     writeImage(bin, 1000, 10);
     auto result = harness.program(harness.idOf("NOPORTS"), bin, HALYX_FW_FORMAT_BINARY);
