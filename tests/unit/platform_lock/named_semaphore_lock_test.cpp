@@ -50,19 +50,28 @@ int tryInChild(const std::string& name, std::chrono::milliseconds timeout)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A child that takes the lock, tells the parent, and then dies holding it.
-pid_t holdAndDie(const std::string& name, int pipe_out)
+// A child that takes the lock and then dies holding it (once killed);
+// returns when the child holds it.
+pid_t holdAndDie(const std::string& name)
 {
+    int ready_pipe[2];
+    if (::pipe(ready_pipe) != 0) {
+        return -1;
+    }
     const pid_t child = ::fork();
     if (child == 0) {
         auto lock = HALYX::createInterprocessLock(name);
         lock->lock(1000ms);
         const char ready = 'r';
-        [[maybe_unused]] auto n = ::write(pipe_out, &ready, 1);
+        [[maybe_unused]] auto n = ::write(ready_pipe[1], &ready, 1);
         ::pause(); // until killed: no unlock ever runs
         ::_exit(0);
     }
-    return child;
+    char ready = 0;
+    const bool holding = ::read(ready_pipe[0], &ready, 1) == 1;
+    ::close(ready_pipe[0]);
+    ::close(ready_pipe[1]);
+    return holding ? child : -1;
 }
 
 } // namespace
@@ -96,11 +105,8 @@ TEST(NamedSemaphoreLock, SecondProcessWaitsThenFailsWith100)
 TEST(NamedSemaphoreLock, HolderThatDiesDoesNotKeepTheLock)
 {
     LockName name("crash");
-    int pipe_fds[2];
-    ASSERT_EQ(0, ::pipe(pipe_fds));
-    const pid_t holder = holdAndDie(*name, pipe_fds[1]);
-    char ready = 0;
-    ASSERT_EQ(1, ::read(pipe_fds[0], &ready, 1));
+    const pid_t holder = holdAndDie(*name);
+    ASSERT_GT(holder, 0);
 
     // Alive: others wait and fail.
     EXPECT_EQ(100, tryInChild(*name, 200ms));
@@ -118,18 +124,13 @@ TEST(NamedSemaphoreLock, HolderThatDiesDoesNotKeepTheLock)
     EXPECT_EQ(100, tryInChild(*name, 100ms));
     lock->unlock();
     EXPECT_EQ(0, tryInChild(*name, 500ms));
-    ::close(pipe_fds[0]);
-    ::close(pipe_fds[1]);
 }
 
 TEST(NamedSemaphoreLock, HolderThatDiesWhileOthersWaitIsNoticedDuringTheWait)
 {
     LockName name("crash-during-wait");
-    int pipe_fds[2];
-    ASSERT_EQ(0, ::pipe(pipe_fds));
-    const pid_t holder = holdAndDie(*name, pipe_fds[1]);
-    char ready = 0;
-    ASSERT_EQ(1, ::read(pipe_fds[0], &ready, 1));
+    const pid_t holder = holdAndDie(*name);
+    ASSERT_GT(holder, 0);
 
     auto lock = HALYX::createInterprocessLock(*name);
     std::thread killer([holder] {
@@ -145,6 +146,4 @@ TEST(NamedSemaphoreLock, HolderThatDiesWhileOthersWaitIsNoticedDuringTheWait)
     EXPECT_GE(waited, 250ms);
     EXPECT_LT(waited, 1500ms); // well before the time-out
     lock->unlock();
-    ::close(pipe_fds[0]);
-    ::close(pipe_fds[1]);
 }
