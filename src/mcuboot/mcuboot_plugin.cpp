@@ -288,10 +288,13 @@ void McubootPlugin::setLockTimeout(std::chrono::milliseconds timeout)
     settings_.lockTimeout = timeout;
 }
 
-void McubootPlugin::program(const std::string& device_json, const halyx_firmware& firmware, const ProgramOptions&,
-                            Operation& operation)
+void McubootPlugin::program(const std::string& device_json, const halyx_firmware& firmware,
+                            const ProgramOptions& program_options, Operation& operation)
 {
     Log::ScopeTimer timer("HALYX::MCUBOOT::McubootPlugin::program");
+    if (program_options.verify) {
+        Log::info("No read-back verification over MCUboot: the boot loader checks the image's hash before it boots it.");
+    }
     const auto settings = this->settings();
     const auto device = json::parse(device_json);
 
