@@ -3,6 +3,8 @@
 #include <fstream>
 #include <thread>
 
+#include <unistd.h>
+
 #include "platform/interprocess_lock.hpp"
 #include "program_fixture.hpp"
 
@@ -13,7 +15,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* kSerial = "SIMMCUBOOT01";
+// The inter-process lock is named after it: unique per test process, since
+// ctest runs tests side by side.
+const std::string kSerial = "SIMMCUBOOT-" + std::to_string(::getpid());
 
 SimulatedKitLister::Kit mcubootKit(SmpSimulator& simulator, std::string serial = kSerial)
 {

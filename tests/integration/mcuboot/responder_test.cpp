@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <fstream>
 
+#include <unistd.h>
+
 #include "program_fixture.hpp"
 
 using namespace halyx_test;
@@ -23,11 +25,12 @@ TEST(McubootIndependentResponder, AcceptsAFullUpload)
     std::string port_name(port);
     port_name.erase(port_name.find_last_not_of("\r\n") + 1);
 
+    const std::string serial = "RESPONDER-" + std::to_string(::getpid());
     const auto bin = tempPath("responder.bin");
     const auto made = makeImage("image", bin, {{"body", 150000}, {"seed", 11}});
     {
-        ProgramHarness harness({{"RESPONDER01", "MCUBOOT", "1234", nullptr, {}, port_name}}, 3000);
-        const auto outcome = harness.program(harness.idOf("RESPONDER01"), bin, HALYX_FW_FORMAT_BINARY);
+        ProgramHarness harness({{serial, "MCUBOOT", "1234", nullptr, {}, port_name}}, 3000);
+        const auto outcome = harness.program(harness.idOf(serial), bin, HALYX_FW_FORMAT_BINARY);
         EXPECT_EQ(HALYX_SUCCESS, outcome.code) << outcome.message;
     }
     EXPECT_EQ(0, ::pclose(responder));
