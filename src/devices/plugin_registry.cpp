@@ -5,6 +5,7 @@
 #include "devices/broken_plugin.hpp"
 #include "devices/serial_port_lister.hpp"
 #include "platform/host.hpp"
+#include "mcuboot/mcuboot_plugin.hpp"
 
 namespace HALYX {
 namespace {
@@ -85,6 +86,7 @@ std::vector<PluginRegistry::Factory> builtinPluginFactories()
     return {
         [] { return std::make_unique<SerialPortLister>(makeHostSerialPortListerHW()); },
         [] { return std::make_unique<BrokenPlugin>(); },
+        [] { return std::make_unique<MCUBOOT::McubootPlugin>(); },
     };
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.hpp"
+#include "program_command.hpp"
 
 namespace {
 
@@ -19,6 +20,9 @@ const char* const kUsage =
     "  plugins                                     the plugins this library has\n"
     "  traits                                      the traits those plugins serve\n"
     "  version                                     the library's modules and versions\n"
+    "  program [--serial SN | --id N] FILE [--json]\n"
+    "                                              program FILE (.hex, .bin, .zip, .elf) into a device; with\n"
+    "                                              --json one JSON line per progress report\n"
     "\n"
     "options:\n"
     "  --log LEVEL   print the library's log lines to stderr, LEVEL 0 (trace) to 5 (critical)\n";
@@ -57,8 +61,21 @@ int main(int argc, char** argv)
     const std::string command = args[0];
     halyx_tool::ListFormat format = halyx_tool::ListFormat::Table;
     std::vector<std::string> filter;
+    halyx_tool::ProgramRequest program_request;
     for (size_t i = 1; i < args.size(); ++i) {
-        if (command == "list" && args[i] == "--json") {
+        if (command == "program" && args[i] == "--json") {
+            program_request.json = true;
+        } else if (command == "program" && args[i] == "--serial" && i + 1 < args.size()) {
+            program_request.serialNumber = args[++i];
+        } else if (command == "program" && args[i] == "--id" && i + 1 < args.size()) {
+            char* end = nullptr;
+            program_request.id = std::strtoull(args[++i].c_str(), &end, 10);
+            if (*end != '\0') {
+                return usage("--id takes a device id");
+            }
+        } else if (command == "program" && args[i].rfind("--", 0) != 0 && program_request.file.empty()) {
+            program_request.file = args[i];
+        } else if (command == "list" && args[i] == "--json") {
             format = halyx_tool::ListFormat::Json;
         } else if (command == "list" && args[i] == "--csv") {
             format = halyx_tool::ListFormat::Csv;
@@ -69,9 +86,16 @@ int main(int argc, char** argv)
         }
     }
 
+    if (command == "program" && program_request.file.empty()) {
+        return usage("program needs a FILE");
+    }
+    if (command == "program" && program_request.id && program_request.serialNumber) {
+        return usage("program takes --serial or --id, not both");
+    }
+
     // Before the context exists, so that none of the library's threads takes Ctrl-C.
     halyx_tool::StopSignal stop;
-    if (command != "watch") {
+    if (command != "watch" && command != "program") {
         stop.onSignal([](int signal) { std::_Exit(128 + signal); });
     }
 
@@ -99,6 +123,8 @@ int main(int argc, char** argv)
             status = halyx_tool::traits(context);
         } else if (command == "version") {
             status = halyx_tool::version(context);
+        } else if (command == "program") {
+            status = halyx_tool::program(context, program_request, stop);
         } else {
             halyx_release_context(context);
             return usage(("unknown command: " + command).c_str());

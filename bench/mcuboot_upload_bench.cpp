@@ -1,0 +1,96 @@
+// Upload throughput over a serial line: a 1 MiB image to the simulated boot
+// loader throttled to a UART's pace, with the transport's default limits and
+// with negotiated ones. Each figure is compared with the line-rate bound:
+// the bytes the framing put on the wire (both directions, counted by the
+// device) at baud/10 bytes per second.
+//
+// usage: mcuboot_upload_bench [image bytes]   (one JSON line per figure)
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "mcuboot/binary_file.hpp"
+#include "mcuboot/smp_client.hpp"
+#include "mcuboot/smp_uart_transport.hpp"
+#include "smp_simulator.hpp"
+
+using namespace HALYX::MCUBOOT;
+using HALYX::SIM::SmpSimulator;
+
+namespace {
+
+struct Setup {
+    uint32_t baud;
+    std::optional<uint32_t> frameMax;
+    std::optional<uint32_t> packMax;
+};
+
+int measure(const Setup& setup, const std::vector<uint8_t>& payload)
+{
+    SmpSimulator::Config config;
+    config.baudRate = setup.baud;
+    config.frameMax = setup.frameMax;
+    config.packMax = setup.packMax;
+    config.answerParameterQuery = setup.frameMax.has_value();
+    SmpSimulator device(config);
+
+    SequenceCounter sequence;
+    ProgressReporter progress;
+    SmpClient::Options options;
+    options.baudRate = setup.baud;
+    SmpClient client(std::make_unique<SmpUartTransport>(SerialSettings{device.port(), setup.baud, 0, 0, 0, 8}),
+                     sequence, options, progress);
+    if (client.openDevice(true) != McuBootError::Ok) {
+        std::fprintf(stderr, "could not open the simulated device\n");
+        return 1;
+    }
+    BinaryFile image(payload);
+    const auto before = device.stats();
+    const auto start = std::chrono::steady_clock::now();
+    const auto result = client.uploadImage(image, MgmtGroup::Image, std::nullopt, false);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const auto after = device.stats();
+    client.closeDevice();
+    if (result != McuBootError::Ok || device.image(1, 0) != payload) {
+        std::fprintf(stderr, "upload failed: %s\n", toString(result).c_str());
+        return 1;
+    }
+    const size_t wire = (after.rxBytes - before.rxBytes) + (after.txBytes - before.txBytes);
+    const double bound_seconds = static_cast<double>(wire) * 10.0 / setup.baud;
+    const double payload_rate = static_cast<double>(payload.size()) / seconds;
+    const double bound_rate = static_cast<double>(payload.size()) / bound_seconds;
+    const auto sizes = client.currentChunkSizes();
+    std::printf("{\"bench\":\"mcuboot_upload\",\"baud\":%u,\"limits\":\"%s\",\"chunk_first\":%u,\"chunk_following\":%u,"
+                "\"payload_bytes\":%zu,\"wire_bytes\":%zu,\"chunks\":%zu,\"seconds\":%.3f,"
+                "\"payload_rate_Bps\":%.0f,\"bound_rate_Bps\":%.0f,\"fraction_of_bound\":%.4f,\"resends\":%zu}\n",
+                setup.baud,
+                setup.frameMax ? (std::to_string(*setup.frameMax) + "/" + std::to_string(*setup.packMax)).c_str()
+                               : "defaults 500/65535",
+                sizes.first, sizes.following, payload.size(), wire, after.uploads - before.uploads, seconds,
+                payload_rate, bound_rate, payload_rate / bound_rate, after.repeatedChunks - before.repeatedChunks);
+    std::fflush(stdout);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const size_t size = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1024 * 1024;
+    std::vector<uint8_t> payload(size);
+    uint32_t state = 12345;
+    for (auto& byte : payload) {
+        state = state * 1103515245 + 12345;
+        byte = static_cast<uint8_t>(state >> 16);
+    }
+    int status = 0;
+    for (const uint32_t baud : {115200u, 1000000u}) {
+        status |= measure(Setup{baud, std::nullopt, std::nullopt}, payload);
+        status |= measure(Setup{baud, 127, 2048}, payload);
+    }
+    return status;
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "mcuboot/mcuboot_error.hpp"
+#include "mcuboot/smp_packet.hpp"
+
+namespace HALYX::MCUBOOT {
+
+// Carries SMP packets to a device and back. The order of the virtual
+// operations after the state queries is part of the design; append only.
+class SmpTransport {
+public:
+    using ResponseHandler = std::function<McuBootError(const SmpPacket&)>;
+    using Milliseconds = std::chrono::milliseconds;
+
+    virtual ~SmpTransport() = default;
+    virtual McuBootError open() = 0;
+    virtual McuBootError close() = 0;
+    virtual bool isOpen() const = 0;
+
+    virtual std::string description() const = 0;
+    // Sends the packet and returns what the handler makes of the response
+    // with the same sequence number. A wait time below 1 ms does not wait.
+    virtual McuBootError send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
+                              Milliseconds receive_timeout, Milliseconds transmit_timeout) = 0;
+    virtual uint32_t frameSize() const = 0;
+    virtual void setFrameSize(uint32_t size) = 0;
+    virtual uint32_t mtu() const = 0;
+    virtual void setMtu(uint32_t mtu) = 0;
+    virtual int64_t maxFrameContentSize(uint32_t packet_limit, uint32_t line_limit) const = 0;
+    // How large the packet is on this transport, in the unit frameSize() limits.
+    virtual size_t encodedSize(const SmpPacket& packet) const = 0;
+    // Bytes on the wire for the packet, framing included.
+    virtual size_t wireSize(const SmpPacket& packet) const = 0;
+};
+
+} // namespace HALYX::MCUBOOT

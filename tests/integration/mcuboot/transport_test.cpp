@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "mcuboot/smp_requests.hpp"
+#include "mcuboot/smp_uart_transport.hpp"
+#include "smp_simulator.hpp"
+#include "smp_wire.hpp"
+
+using namespace HALYX::MCUBOOT;
+using HALYX::SIM::SmpSimulator;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A bare terminal the test plays the device on, decoding with the
+// simulator's independent line decoder.
+class FakeDevice {
+public:
+    FakeDevice()
+    {
+        master_ = ::posix_openpt(O_RDWR | O_NOCTTY);
+        ::grantpt(master_);
+        ::unlockpt(master_);
+        char name[128];
+        ::ptsname_r(master_, name, sizeof name);
+        path_ = name;
+        slave_ = ::open(name, O_RDWR | O_NOCTTY);
+        termios t{};
+        ::tcgetattr(slave_, &t);
+        ::cfmakeraw(&t);
+        ::tcsetattr(slave_, TCSANOW, &t);
+    }
+    ~FakeDevice() { unplug(); }
+
+    const std::string& path() const { return path_; }
+
+    // The next request, or nothing within the time.
+    std::optional<HALYX::SIM::WirePacket> read(std::chrono::milliseconds timeout)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (!pending_.empty()) {
+                auto p = pending_.front();
+                pending_.erase(pending_.begin());
+                return p;
+            }
+            pollfd fd{master_, POLLIN, 0};
+            if (::poll(&fd, 1, 20) == 1) {
+                uint8_t buffer[4096];
+                const auto n = ::read(master_, buffer, sizeof buffer);
+                if (n > 0) {
+                    for (auto& p : decoder_.feed(std::span<const uint8_t>(buffer, static_cast<size_t>(n)))) {
+                        pending_.push_back(std::move(p));
+                    }
+                }
+            }
+        }
+        return std::nullopt;
+    }
+
+    void answer(const HALYX::SIM::WirePacket& request, const nlohmann::json& map, int seq_offset = 0)
+    {
+        HALYX::SIM::WirePacket response;
+        response.op = static_cast<uint8_t>(request.op + 1);
+        response.group = request.group;
+        response.id = request.id;
+        response.seq = static_cast<uint8_t>(request.seq + seq_offset);
+        response.payload = nlohmann::json::to_cbor(map);
+        const auto wire = HALYX::SIM::encodeLines(response, 128);
+        ASSERT_EQ(static_cast<ssize_t>(wire.size()), ::write(master_, wire.data(), wire.size()));
+    }
+
+    void unplug()
+    {
+        if (master_ >= 0) {
+            ::close(master_);
+            ::close(slave_);
+            master_ = slave_ = -1;
+        }
+    }
+
+private:
+    int master_ = -1;
+    int slave_ = -1;
+    std::string path_;
+    HALYX::SIM::LineDecoder decoder_;
+    std::vector<HALYX::SIM::WirePacket> pending_;
+};
+
+SerialSettings settingsFor(const std::string& port)
+{
+    return SerialSettings{port, 115200, 0, 0, 0, 8};
+}
+
+} // namespace
+
+TEST(SmpUartTransport, TalksToTheSimulatorAndRefusesWhenClosed)
+{
+    SmpSimulator device(SmpSimulator::Config{});
+    SmpUartTransport transport(settingsFor(device.port()));
+    EXPECT_EQ("SMP UART (" + device.port() + "@115200)", transport.description());
+
+    const auto handler = [](const SmpPacket& p) { return checkWriteResponse(p); };
+    EXPECT_EQ(McuBootError::UartNotOpenError, transport.send(resetRequest(0), handler, 100ms, 1000ms, 1000ms));
+
+    ASSERT_EQ(McuBootError::Ok, transport.open());
+    EXPECT_TRUE(transport.isOpen());
+    EXPECT_EQ(McuBootError::Ok, transport.send(resetRequest(1), handler, 500ms, 2000ms, 1000ms));
+    EXPECT_EQ(McuBootError::Ok, transport.send(eraseRequest(2), handler, 500ms, 2000ms, 1000ms));
+    EXPECT_EQ(1u, device.stats().resets);
+    EXPECT_EQ(1u, device.stats().erases);
+    EXPECT_EQ(McuBootError::Ok, transport.close());
+    EXPECT_FALSE(transport.isOpen());
+
+    // Reopening works; a missing port says so.
+    ASSERT_EQ(McuBootError::Ok, transport.open());
+    EXPECT_EQ(McuBootError::Ok, transport.send(resetRequest(3), handler, 500ms, 2000ms, 1000ms));
+    transport.close();
+    SmpUartTransport missing(settingsFor("/dev/halyx-no-such-port"));
+    EXPECT_EQ(McuBootError::UartNotFound, missing.open());
+}
+
+TEST(SmpUartTransport, MatchesBySequenceNumberAndReSendsUntilTimeout)
+{
+    FakeDevice device;
+    SmpUartTransport transport(settingsFor(device.path()));
+    ASSERT_EQ(McuBootError::Ok, transport.open());
+
+    // A stale answer with another seq is skipped; the right one is taken.
+    std::atomic<int> handled_seq{-1};
+    std::thread responder([&] {
+        const auto request = device.read(2000ms);
+        ASSERT_TRUE(request);
+        device.answer(*request, {{"rc", 0}}, -1);
+        std::this_thread::sleep_for(50ms);
+        device.answer(*request, {{"rc", 0}, {"off", 4}});
+    });
+    const auto result = transport.send(resetRequest(77), [&](const SmpPacket& p) {
+        handled_seq = p.header().seq;
+        return McuBootError::Ok;
+    }, 1000ms, 3000ms, 1000ms);
+    responder.join();
+    EXPECT_EQ(McuBootError::Ok, result);
+    EXPECT_EQ(77, handled_seq);
+
+    // Silence: the request goes out again after every wait until the budget is spent.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(McuBootError::Timeout,
+              transport.send(resetRequest(78), [](const SmpPacket&) { return McuBootError::Ok; }, 100ms, 450ms, 500ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 450ms);
+    int copies = 0;
+    while (auto request = device.read(100ms)) {
+        EXPECT_EQ(78, request->seq);
+        ++copies;
+    }
+    EXPECT_GE(copies, 4);
+    EXPECT_LE(copies, 6);
+
+    // A wait time below 1 ms returns once written.
+    EXPECT_EQ(McuBootError::Ok,
+              transport.send(resetRequest(79), [](const SmpPacket&) { return McuBootError::Invalid; }, 0ms, 450ms, 500ms));
+    transport.close();
+}
+
+TEST(SmpUartTransport, UnplugEndsTheWaitWithAWriteError)
+{
+    FakeDevice device;
+    SmpUartTransport transport(settingsFor(device.path()));
+    ASSERT_EQ(McuBootError::Ok, transport.open());
+    std::thread unplugger([&] {
+        ASSERT_TRUE(device.read(2000ms));
+        device.unplug();
+    });
+    const auto start = std::chrono::steady_clock::now();
+    const auto result =
+        transport.send(resetRequest(5), [](const SmpPacket&) { return McuBootError::Ok; }, 5000ms, 10000ms, 1000ms);
+    unplugger.join();
+    EXPECT_EQ(McuBootError::UartWriteError, result);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3000ms); // not the whole budget
+    EXPECT_EQ(McuBootError::Ok, transport.close());
+}
