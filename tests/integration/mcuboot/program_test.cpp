@@ -120,10 +120,10 @@ TEST(McubootProgram, BinHexAndPackageLandByteForByte)
     EXPECT_EQ(hex_bytes, device.image(1, 0));
 
     const auto zip = tempPath("package.zip");
-    const json spec{{"files", json::array({{{"file", "app.bin"}, {"image_index", 0}, {"load_address", 0}},
+    const json layout{{"files", json::array({{{"file", "app.bin"}, {"image_index", 0}, {"load_address", 0}},
                                            {{"file", "net.bin"}, {"image_index", 1}, {"load_address", 0x1000000}}})},
                     {"images", {{"app.bin", {{"body", 70000}, {"seed", 3}}}, {"net.bin", {{"body", 9000}, {"seed", 4}}}}}};
-    const auto made = makeImage("package", zip, spec);
+    const auto made = makeImage("package", zip, layout);
     result = harness.program(id, zip, HALYX_FW_FORMAT_ZIP);
     ASSERT_EQ(HALYX_SUCCESS, result.code) << result.message;
     EXPECT_EQ(bytesFromHex(made.at("app.bin").at("bytes")), device.image(1, 0));
@@ -167,9 +167,9 @@ TEST(McubootProgram, ModemPackageGoesToTheModemGroup)
     const auto listed = harness.enumerate();
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("modem"));
     const auto zip = tempPath("modem.zip");
-    const json spec{{"files", json::array({{{"file", "modem.bin"}, {"image_index", 0}, {"load_address", 0x50000}}})},
+    const json layout{{"files", json::array({{{"file", "modem.bin"}, {"image_index", 0}, {"load_address", 0x50000}}})},
                     {"images", {{"modem.bin", {{"body", 50000}, {"seed", 6}}}}}};
-    const auto made = makeImage("package", zip, spec);
+    const auto made = makeImage("package", zip, layout);
     const auto result = harness.program(harness.idOf(kSerial), zip, HALYX_FW_FORMAT_MODEM_PACKAGE);
     ASSERT_EQ(HALYX_SUCCESS, result.code) << result.message;
     EXPECT_EQ(bytesFromHex(made.at("modem.bin").at("bytes")), device.image(0x41, 0));
