@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.hpp"
+#include "image_commands.hpp"
 
 namespace {
 
@@ -19,6 +20,8 @@ const char* const kUsage =
     "  plugins                                     the plugins this library has\n"
     "  traits                                      the traits those plugins serve\n"
     "  version                                     the library's modules and versions\n"
+    "  image info FILE [--json]                    describe a firmware file (HEX, ELF, BIN, zip package)\n"
+    "  image convert IN OUT                        convert a firmware file to OUT.hex or OUT.bin\n"
     "\n"
     "options:\n"
     "  --log LEVEL   print the library's log lines to stderr, LEVEL 0 (trace) to 5 (critical)\n";
@@ -55,6 +58,9 @@ int main(int argc, char** argv)
     }
 
     const std::string command = args[0];
+    if (command == "image") {
+        return halyx_tool::image(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     halyx_tool::ListFormat format = halyx_tool::ListFormat::Table;
     std::vector<std::string> filter;
     for (size_t i = 1; i < args.size(); ++i) {
