@@ -186,14 +186,7 @@ ordered_json packageEntry(const HALYX::ZipArchive& archive, const HALYX::Package
 
 Bytes head(const std::filesystem::path& path, size_t count)
 {
-    std::error_code error;
-    std::ifstream input;
-    if (!std::filesystem::is_directory(path, error)) {
-        input.open(path, std::ios::binary);
-    }
-    if (!input.is_open()) {
-        throw BinaryImage::file_error(fmt::format("BinaryImage access error, could not open {}.", path.string()));
-    }
+    auto input = BinaryImage::openFile(path);
     Bytes bytes(count);
     input.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
     bytes.resize(static_cast<size_t>(input.gcount()));

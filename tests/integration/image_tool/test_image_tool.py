@@ -5,7 +5,6 @@ usage: test_image_tool.py HALYX_TOOL TEST_DATA_DIR
 """
 import json
 import os
-import random
 import subprocess
 import sys
 import tempfile
@@ -46,16 +45,9 @@ class ImageTool(unittest.TestCase):
 
     def random_hex(self, seed, segmented=False):
         """A HEX file with gaps written by intelhex, or with 02 records by srec_cat."""
-        rng = random.Random(seed)
-        ih = IntelHex()
-        address = rng.randrange(0, 0x30000)
-        for _ in range(rng.randint(1, 5)):
-            size = rng.randrange(1, 40000)
-            ih.frombytes(bytes(rng.randrange(256) for _ in range(size)), offset=address)
-            address += size + rng.randrange(1, 50000)
-        ih.start_addr = {"EIP": rng.randrange(2**32)}
         path = self.path(f"in{seed}.hex")
-        ih.write_hex_file(path)
+        check("/usr/bin/python3", os.path.join(DATA, "hex_oracle.py"), "write", path, str(seed), "50000")
+        ih = IntelHex(path)
         if segmented:
             check("srec_cat", path, "-intel", "-o", path + ".seg", "-intel", "-address-length=3")
             os.replace(path + ".seg", path)
