@@ -41,6 +41,19 @@ BinaryImage BinaryImage::fromBytes(std::span<const uint8_t> bytes, uint32_t addr
     return image;
 }
 
+std::ifstream BinaryImage::openFile(const std::filesystem::path& path)
+{
+    std::error_code error;
+    std::ifstream input;
+    if (!std::filesystem::is_directory(path, error)) {
+        input.open(path, std::ios::binary);
+    }
+    if (!input.is_open()) {
+        throw file_error(fmt::format("BinaryImage access error, could not open {}.", path.string()));
+    }
+    return input;
+}
+
 uint8_t* BinaryImage::append(uint32_t address, size_t size)
 {
     if (uint64_t{address} + size > kAddressSpace) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <iosfwd>
 #include <optional>
 #include <span>
@@ -93,6 +94,9 @@ public:
     static BinaryImage fromElf(std::span<const uint8_t> bytes, const std::string& name);
     // Raw bytes placed at one address.
     static BinaryImage fromBytes(std::span<const uint8_t> bytes, uint32_t address);
+    // An image file opened for reading; file_error "BinaryImage access
+    // error, could not open {}." if it cannot be (a directory cannot).
+    static std::ifstream openFile(const std::filesystem::path& path);
 
     // Writers. Intel HEX: 16-byte data records, extended linear address
     // records as needed, lines ending in "\r\n". Binary: the bytes from the

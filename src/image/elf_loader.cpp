@@ -155,14 +155,7 @@ BinaryImage BinaryImage::fromElf(std::istream& input, const std::string& name)
 
 BinaryImage BinaryImage::fromElfFile(const std::filesystem::path& path)
 {
-    std::error_code error;
-    std::ifstream input;
-    if (!std::filesystem::is_directory(path, error)) {
-        input.open(path, std::ios::binary);
-    }
-    if (!input.is_open()) {
-        throw file_error(fmt::format("BinaryImage access error, could not open {}.", path.string()));
-    }
+    auto input = openFile(path);
     return fromElf(input, path.string());
 }
 

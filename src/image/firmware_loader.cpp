@@ -72,10 +72,7 @@ BinaryImage package(const halyx_firmware& firmware)
 
 std::vector<uint8_t> readFile(const std::string& path)
 {
-    std::ifstream input(path, std::ios::binary);
-    if (!input) {
-        throw BinaryImage::file_error(fmt::format("BinaryImage access error, could not open {}.", path));
-    }
+    auto input = BinaryImage::openFile(path);
     std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
     if (input.bad()) {
         throw BinaryImage::file_error(fmt::format("BinaryImage access error, could not read {}.", path));

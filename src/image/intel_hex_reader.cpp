@@ -9,8 +9,12 @@
 
 #include <fmt/format.h>
 
+#include "image/intel_hex_record.hpp"
+
 namespace HALYX {
 namespace {
+
+using namespace IntelHexRecord;
 
 constexpr uint8_t kNotHex = 0xFF;
 constexpr size_t kChunk = 1u << 20;
@@ -68,15 +72,6 @@ std::string quoted(std::string_view line)
     }
     return std::string(line.substr(0, kQuotedLineLimit)) + "...";
 }
-
-enum RecordType : uint8_t {
-    Data = 0,
-    EndOfFile = 1,
-    ExtendedSegmentAddress = 2,
-    StartSegmentAddress = 3,
-    ExtendedLinearAddress = 4,
-    StartLinearAddress = 5,
-};
 
 BinaryImage sealed(BinaryImage image, const std::string& name)
 {
@@ -311,14 +306,7 @@ BinaryImage BinaryImage::fromHex(std::istream& input, const std::string& name)
 
 BinaryImage BinaryImage::fromHexFile(const std::filesystem::path& path)
 {
-    std::error_code error;
-    std::ifstream input;
-    if (!std::filesystem::is_directory(path, error)) {
-        input.open(path, std::ios::binary);
-    }
-    if (!input.is_open()) {
-        throw file_error(fmt::format("BinaryImage access error, could not open {}.", path.string()));
-    }
+    auto input = openFile(path);
     return fromHex(input, path.string());
 }
 

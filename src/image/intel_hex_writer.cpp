@@ -5,21 +5,16 @@
 #include <ostream>
 
 #include "image/binary_image.hpp"
+#include "image/intel_hex_record.hpp"
 
 namespace HALYX {
 namespace {
 
+using namespace IntelHexRecord;
+
 constexpr size_t kRecordBytes = 16;
 constexpr size_t kFlushAt = 64 * 1024;
 constexpr char kDigits[] = "0123456789ABCDEF";
-
-enum RecordType : uint8_t {
-    Data = 0,
-    EndOfFile = 1,
-    StartSegmentAddress = 3,
-    ExtendedLinearAddress = 4,
-    StartLinearAddress = 5,
-};
 
 } // namespace
 

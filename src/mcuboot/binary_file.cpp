@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/logging.hpp"
+#include "image/binary_image.hpp"
 
 namespace HALYX::MCUBOOT {
 
@@ -17,10 +18,10 @@ BinaryFile::BinaryFile(std::vector<uint8_t> bytes, uint32_t targetAddress)
 
 std::unique_ptr<BinaryFile> BinaryFile::fromFile(const std::filesystem::path& path, uint32_t targetAddress)
 {
-    std::error_code error;
     std::ifstream input;
-    if (!std::filesystem::is_directory(path, error)) {
-        input.open(path, std::ios::binary);
+    try {
+        input = BinaryImage::openFile(path);
+    } catch (const BinaryImage::file_error&) {
     }
     std::vector<uint8_t> bytes;
     if (input.is_open()) {

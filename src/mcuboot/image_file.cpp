@@ -10,6 +10,9 @@ namespace {
 
 // Below this a trailer cannot follow a header.
 constexpr uint64_t kSmallestTrailerOffset = 33;
+// A trailer is the protected area and the main area, each at most 64 KiB;
+// what lies beyond (slot padding, unrelated HEX segments) is never needed.
+constexpr size_t kTrailerLimit = 2 * 65536;
 
 } // namespace
 
@@ -52,7 +55,7 @@ std::optional<ImageTrailer> ImageFile::trailer() const
     // A body that claims more than the file holds leaves an empty trailer,
     // which the parser reports.
     const size_t start = static_cast<size_t>(std::min<uint64_t>(offset, length_));
-    return ImageTrailer::parse(readAt(start, length_ - start));
+    return ImageTrailer::parse(readAt(start, std::min(length_ - start, kTrailerLimit)));
 }
 
 std::array<uint8_t, 32> ImageFile::digest(size_t count) const

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.hpp"
+#include "image_commands.hpp"
 #include "program_command.hpp"
 
 namespace {
@@ -23,6 +24,8 @@ const char* const kUsage =
     "  program [--serial SN | --id N] FILE [--json]\n"
     "                                              program FILE (.hex, .bin, .zip, .elf) into a device; with\n"
     "                                              --json one JSON line per progress report\n"
+    "  image info FILE [--json]                    describe a firmware file (HEX, ELF, BIN, zip package)\n"
+    "  image convert IN OUT                        convert a firmware file to OUT.hex or OUT.bin\n"
     "\n"
     "options:\n"
     "  --log LEVEL   print the library's log lines to stderr, LEVEL 0 (trace) to 5 (critical)\n";
@@ -59,6 +62,9 @@ int main(int argc, char** argv)
     }
 
     const std::string command = args[0];
+    if (command == "image") {
+        return halyx_tool::image(std::vector<std::string>(args.begin() + 1, args.end()));
+    }
     halyx_tool::ListFormat format = halyx_tool::ListFormat::Table;
     std::vector<std::string> filter;
     halyx_tool::ProgramRequest program_request;

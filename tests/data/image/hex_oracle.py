@@ -80,16 +80,14 @@ def make(path, seed):
         f.write(ending.join(lines) + ending)
 
 
-def write(path, seed):
+def write(path, seed, max_gap=0x200000):
     rng = random.Random(seed)
     ih = IntelHex()
-    address = rng.randrange(0, 0x100)
+    address = rng.randrange(0, 0x30000)
     for _ in range(rng.randint(1, 6)):
         size = rng.randrange(1, 70000)
         ih.frombytes(bytes(rng.randrange(256) for _ in range(size)), offset=address)
-        address += size + rng.randrange(1, 0x200000)
-        if address > 0xF0000000:
-            break
+        address += size + rng.randrange(1, max_gap)
     ih.start_addr = {"EIP": rng.randrange(2**32)}
     ih.write_hex_file(path)
 
@@ -101,6 +99,6 @@ if __name__ == "__main__":
     elif command == "make":
         make(sys.argv[2], int(sys.argv[3]))
     elif command == "write":
-        write(sys.argv[2], int(sys.argv[3]))
+        write(sys.argv[2], int(sys.argv[3]), *[int(a, 0) for a in sys.argv[4:5]])
     else:
         sys.exit(__doc__)

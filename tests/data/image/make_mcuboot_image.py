@@ -92,19 +92,19 @@ def write_image(options):
 
 
 def main():
-    command, out, spec = sys.argv[1], sys.argv[2], json.loads(sys.argv[3])
+    command, out, layout = sys.argv[1], sys.argv[2], json.loads(sys.argv[3])
     if command == "image":
-        data, info = write_image(spec)
+        data, info = write_image(layout)
         with open(out, "wb") as f:
             f.write(data)
         print(json.dumps(info))
     elif command == "package":
         infos = {}
         with zipfile.ZipFile(out, "w", zipfile.ZIP_DEFLATED) as z:
-            for name, options in spec["images"].items():
+            for name, options in layout["images"].items():
                 data, infos[name] = write_image(options)
                 z.writestr(name, data)
-            z.writestr("manifest.json", json.dumps({"format-version": 0, "files": spec["files"]}))
+            z.writestr("manifest.json", json.dumps({"format-version": 0, "files": layout["files"]}))
         print(json.dumps(infos))
     else:
         sys.exit(__doc__)

@@ -16,11 +16,11 @@ using nlohmann::json;
 using TestSupport::shellQuote;
 
 // Runs the image script; returns what it prints.
-json script(const std::string& command, const std::filesystem::path& out, const json& spec)
+json script(const std::string& command, const std::filesystem::path& out, const json& layout)
 {
     return json::parse(TestSupport::runOk(fmt::format("{} {} {} {} {}", TestSupport::python(),
                                                       shellQuote(TestSupport::dataFile("make_mcuboot_image.py")),
-                                                      command, shellQuote(out.string()), shellQuote(spec.dump()))));
+                                                      command, shellQuote(out.string()), shellQuote(layout.dump()))));
 }
 
 Bytes fromHex(const std::string& hex)
@@ -182,7 +182,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
 {
     TestSupport::TempDir dir;
     const auto path = dir / "package.zip";
-    const json spec = {
+    const json layout = {
         {"files",
          {{{"file", "net.bin"}, {"image_index", "1"}, {"load_address", 0x01000000}, {"version_MCUBOOT", "1.0.0+0"},
            {"slot_index_primary", "3"}, {"slot_index_secondary", "4"}, {"type", "application"}, {"board", "kit"},
@@ -194,7 +194,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
           {"app.hex", {{"body", 700}, {"seed", 3}, {"hex", 0x8000}}},
           {"extra.bin", {{"body", 10}, {"seed", 4}}}}},
     };
-    const auto expected = script("package", path, spec);
+    const auto expected = script("package", path, layout);
     const auto fromFile = MultiImageFile::fromFile(path);
     const auto fromBuffer = MultiImageFile::fromBuffer(TestSupport::readBytes(path));
     for (const auto* package : {&fromFile, &fromBuffer}) {
@@ -223,9 +223,9 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
 TEST(McubootImage, RefusesBrokenPackages)
 {
     TestSupport::TempDir dir;
-    auto expectCode = [&](const json& spec, halyx_errorcode_t code, const std::string& message) {
+    auto expectCode = [&](const json& layout, halyx_errorcode_t code, const std::string& message) {
         const auto path = dir / "p.zip";
-        script("package", path, spec);
+        script("package", path, layout);
         try {
             MultiImageFile::fromFile(path);
             ADD_FAILURE() << "opened: " << message;
