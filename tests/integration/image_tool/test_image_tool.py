@@ -108,11 +108,11 @@ class ImageTool(unittest.TestCase):
         self.assertEqual([a["magic"] for a in info["mcuboot"]["tlvAreas"]], [0x6908, 0x6907])
 
         package = self.path("pkg.zip")
-        spec = {"files": [{"file": "net.bin", "image_index": "1", "load_address": 0x1000000},
+        layout = {"files": [{"file": "net.bin", "image_index": "1", "load_address": 0x1000000},
                           {"file": "app.hex", "image_index": 0}],
                 "images": {"net.bin": {"body": 100}, "app.hex": {"body": 200, "hex": 0x8000}}}
         made = json.loads(check("/usr/bin/python3", os.path.join(DATA, "make_mcuboot_image.py"), "package", package,
-                                json.dumps(spec)))
+                                json.dumps(layout)))
         info = json.loads(check(TOOL, "image", "info", package, "--json"))
         self.assertEqual([e["file"] for e in info["manifest"]], ["net.bin", "app.hex"])
         self.assertEqual(info["manifest"][0]["segments"], [{"address": 0x1000000, "size": made["net.bin"]["length"]}])
