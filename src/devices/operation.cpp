@@ -24,11 +24,21 @@ void Operation::progress(const std::string& step, const std::string& message, in
 
 void Operation::progress(const nlohmann::json& report) const
 {
-    if (callbacks_.progress == nullptr) {
-        return;
+    if (callbacks_.progress != nullptr) {
+        emitProgress(report.dump());
     }
-    const auto text = report.dump();
-    callbacks_.progress(callbacks_.context, taskId(), text.c_str(), callbacks_.user_data);
+}
+
+void Operation::progress(const nlohmann::ordered_json& report) const
+{
+    if (callbacks_.progress != nullptr) {
+        emitProgress(report.dump());
+    }
+}
+
+void Operation::emitProgress(const std::string& json) const
+{
+    callbacks_.progress(callbacks_.context, taskId(), json.c_str(), callbacks_.user_data);
 }
 
 void Operation::data(const char* bytes, uint64_t size) const

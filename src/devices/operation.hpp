@@ -47,9 +47,13 @@ public:
     // Reports {"step": ..., "message": ..., "percentage": ...} to the caller.
     void progress(const std::string& step, const std::string& message, int percentage) const;
     void progress(const nlohmann::json& report) const;
+    // For records whose keys the caller reads in a set order.
+    void progress(const nlohmann::ordered_json& report) const;
     void data(const char* bytes, uint64_t size) const;
 
 private:
+    void emitProgress(const std::string& json) const;
+
     const ASYNC::operation_call_wrapper_t& task_;
     OperationOptions options_;
     std::optional<halyx_mcu_state_t> mcu_end_state_;

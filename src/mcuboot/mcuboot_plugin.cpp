@@ -328,7 +328,7 @@ void McubootPlugin::program(const std::string& device_json, const halyx_firmware
     auto plan = planFor(firmware, hasTrueTrait(device, "modem"));
     const MgmtGroupId group = plan.modem ? MgmtGroup::ModemImage : MgmtGroup::Image;
 
-    ProgressReporter progress([&operation](const json& record) { operation.progress(record); });
+    ProgressReporter progress([&operation](const nlohmann::ordered_json& record) { operation.progress(record); });
     const size_t images = plan.package ? plan.package->images().size() : 1;
     progress.setAmountOfSteps(static_cast<uint32_t>(1 + (group == MgmtGroup::Image ? 1 : 0) + images + 2));
 

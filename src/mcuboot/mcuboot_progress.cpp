@@ -32,7 +32,7 @@ void ProgressReporter::report(const std::string& message, int percentage, McuBoo
 {
     const auto duration =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started_);
-    nlohmann::json record;
+    nlohmann::ordered_json record;
     record["operation"] = toString(operation_);
     record["step"] = step_;
     record["amountOfSteps"] = steps_;

@@ -35,7 +35,8 @@ std::string toString(ProgressOperation operation);
 // are numbered in the order they start; the count is announced up front.
 class ProgressReporter {
 public:
-    using Sink = std::function<void(const nlohmann::json& record)>;
+    // Records keep their keys in the order they are documented in.
+    using Sink = std::function<void(const nlohmann::ordered_json& record)>;
 
     ProgressReporter() = default;
     explicit ProgressReporter(Sink sink) : sink_(std::move(sink)) {}
