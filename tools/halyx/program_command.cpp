@@ -72,11 +72,24 @@ bool uploadedBytes(const std::string& message, unsigned long long& done, unsigne
     return std::sscanf(message.c_str(), "Uploaded %llu of %llu bytes.", &done, &total) == 2;
 }
 
+// The first of the keys that holds text: plugins name their step differently
+// ("step" is a number in some records and the step's text in others).
+std::string textOf(const nlohmann::json& record, std::initializer_list<const char*> keys)
+{
+    for (const char* key : keys) {
+        const auto it = record.find(key);
+        if (it != record.end() && it->is_string()) {
+            return it->get<std::string>();
+        }
+    }
+    return {};
+}
+
 void drawBar(ProgramState& state, const nlohmann::json& record)
 {
     const auto percentage = record.value("progressPercentage", record.value("percentage", 0));
-    const auto description = record.value("description", record.value("step", std::string()));
-    const auto message = record.value("message", std::string());
+    const auto description = textOf(record, {"description", "step"});
+    const auto message = textOf(record, {"message"});
     if (description != state.step) {
         state.step = description;
         state.step_started = Clock::now();
@@ -128,7 +141,7 @@ void onProgress(halyx_context*, uint64_t, const char* progress_json, void* user_
         drawBar(state, record);
         return;
     }
-    const auto description = record.value("description", record.value("step", std::string()));
+    const auto description = textOf(record, {"description", "step"});
     if (description != state.step) {
         state.step = description;
         std::printf("%s\n", description.c_str());
