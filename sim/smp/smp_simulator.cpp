@@ -93,13 +93,21 @@ WirePacket reply(const WirePacket& request, const json& map)
 
 } // namespace
 
-SmpSimulator::SmpSimulator(Config config) : config_(std::move(config))
+SmpSimulator::SmpSimulator(Config config) : SmpSimulator(std::move(config), -1, {}) {}
+
+SmpSimulator::SmpSimulator(Config config, int master, std::string port)
+    : config_(std::move(config)), borrowed_master_(master), borrowed_port_(std::move(port))
 {
     wake_fd_ = ::eventfd(0, EFD_CLOEXEC);
     if (wake_fd_ < 0) {
         throw std::runtime_error("eventfd failed");
     }
-    openTerminal();
+    try {
+        openTerminal();
+    } catch (...) {
+        ::close(wake_fd_);
+        throw;
+    }
     thread_ = std::thread([this] { run(); });
 }
 
@@ -117,6 +125,10 @@ SmpSimulator::~SmpSimulator()
 
 void SmpSimulator::openTerminal()
 {
+    if (borrowed_master_ >= 0) {
+        openBorrowedTerminal();
+        return;
+    }
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
         ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) != 0) {
@@ -138,6 +150,29 @@ void SmpSimulator::openTerminal()
     master_ = master;
     slave_ = slave;
     port_ = name;
+    decoder_ = LineDecoder();
+}
+
+// A duplicate of the owner's master, so that unplug() can close it; the
+// owner is expected to have put the terminal in raw mode.
+void SmpSimulator::openBorrowedTerminal()
+{
+    const int master = ::fcntl(borrowed_master_, F_DUPFD_CLOEXEC, 0);
+    if (master < 0 || ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) != 0) {
+        if (master >= 0) {
+            ::close(master);
+        }
+        throw std::runtime_error("cannot use the terminal of " + borrowed_port_);
+    }
+    char name[128];
+    const int slave = ::ptsname_r(master, name, sizeof name) == 0 ? ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
+    if (slave < 0) {
+        ::close(master);
+        throw std::runtime_error("the terminal of " + borrowed_port_ + " is not a pseudo-terminal");
+    }
+    master_ = master;
+    slave_ = slave;
+    port_ = borrowed_port_;
     decoder_ = LineDecoder();
 }
 

@@ -56,7 +56,12 @@ public:
         LineStats line;
     };
 
+    // Serves a pseudo-terminal of its own.
     explicit SmpSimulator(Config config);
+    // Serves the pseudo-terminal whose master side is `master` (borrowed,
+    // e.g. a simulated kit's tty) and that clients open as `port`. unplug()
+    // then only silences the device: the terminal stays with its owner.
+    SmpSimulator(Config config, int master, std::string port);
     ~SmpSimulator();
     SmpSimulator(const SmpSimulator&) = delete;
     SmpSimulator& operator=(const SmpSimulator&) = delete;
@@ -99,6 +104,7 @@ private:
 
     void run();
     void openTerminal();
+    void openBorrowedTerminal();
     void closeTerminal();
     void serve(const WirePacket& request);
     std::optional<PlannedFault> takeFault(Command command, uint32_t offset);
@@ -109,6 +115,8 @@ private:
     void wake();
 
     const Config config_;
+    const int borrowed_master_ = -1;
+    const std::string borrowed_port_;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
