@@ -136,6 +136,39 @@ KitModel otherVendorDevice(const std::string& serial_number)
     return kit;
 }
 
+KitModel mcubootDevice(const std::string& serial_number)
+{
+    KitModel kit;
+    kit.name = "mcuboot";
+    kit.vendorId = 0x1209;
+    kit.productId = 0x0B00;
+    kit.bcdDevice = 0x0200;
+    kit.manufacturer = "Open Hardware";
+    kit.product = "MCUBOOT";
+    kit.serialNumber = serial_number;
+    kit.cdcPorts = 1;
+    kit.serialRecovery = true;
+    return kit;
+}
+
+KitModel cellularKit(const std::string& serial_number)
+{
+    KitModel kit;
+    kit.name = "cellular";
+    kit.vendorId = 0x7A5C;
+    kit.productId = 0x520F;
+    kit.bcdDevice = 0x0100;
+    kit.manufacturer = "Kelvane Semiconductor";
+    kit.product = "Trekkit Cellular DK";
+    kit.serialNumber = serial_number;
+    // The boot loader on the first port, the modem's trace on the second.
+    kit.cdcPorts = 2;
+    kit.serialRecovery = true;
+    kit.smpFrameMax = 127;
+    kit.smpPackMax = 4096;
+    return kit;
+}
+
 std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number)
 {
     if (name == "maker") {
@@ -149,6 +182,12 @@ std::optional<KitModel> kitByName(const std::string& name, const std::string& se
     }
     if (name == "other") {
         return serial_number.empty() ? otherVendorDevice() : otherVendorDevice(serial_number);
+    }
+    if (name == "mcuboot") {
+        return serial_number.empty() ? mcubootDevice() : mcubootDevice(serial_number);
+    }
+    if (name == "cellular") {
+        return serial_number.empty() ? cellularKit() : cellularKit(serial_number);
     }
     return std::nullopt;
 }
@@ -229,7 +268,7 @@ std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
         usb += fmt::format("A: serial={}\\n\n", *kit.serialNumber);
     }
     usb += fmt::format("H: descriptors={}\n", hex(descriptors));
-    nodes.push_back({usb_path, devnode, usb});
+    nodes.push_back({usb_path, devnode, {}, usb});
 
     auto add_interface = [&](uint8_t number, uint8_t cls, const char* driver) {
         const auto path = fmt::format("{}/{}:1.{}", usb_path, name, number);
@@ -237,7 +276,7 @@ std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
                                        path.substr(4), driver);
         text += fmt::format("A: bInterfaceNumber={:02x}\\n\nA: bInterfaceClass={:02x}\\n\nA: bAlternateSetting= 0\\n\n",
                             number, cls);
-        nodes.push_back({path, {}, text});
+        nodes.push_back({path, {}, {}, text});
         return path;
     };
     for (unsigned port = 0; port < kit.cdcPorts; ++port) {
@@ -248,9 +287,10 @@ std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
         const auto tty_path = fmt::format("{}/tty/{}", interface_path, tty);
         std::string text = fmt::format("P: {}\nN: {}\nE: DEVNAME=/dev/{}\nE: SUBSYSTEM=tty\n", tty_path.substr(4),
                                        tty, tty);
-        text += fmt::format("E: DEVLINKS=/dev/serial/by-id/usb-{}_{}_{}-if{:02}\n", idPart(kit.manufacturer),
-                            idPart(kit.product), kit.serialNumber.value_or("0"), control);
-        nodes.push_back({tty_path, "/dev/" + tty, text});
+        const auto link = fmt::format("/dev/serial/by-id/usb-{}_{}_{}-if{:02}", idPart(kit.manufacturer),
+                                      idPart(kit.product), kit.serialNumber.value_or("0"), control);
+        text += fmt::format("E: DEVLINKS={}\n", link);
+        nodes.push_back({tty_path, "/dev/" + tty, link, text});
     }
     if (kit.vendorInterface) {
         add_interface(static_cast<uint8_t>(2 * kit.cdcPorts), kClassVendor, "usbfs");

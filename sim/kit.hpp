@@ -20,20 +20,29 @@ struct KitModel {
     unsigned cdcPorts = 0;          // CDC ACM functions, each with a tty
     bool dfuTrigger = false;        // the maker's DFU-trigger interface (vendor class, 1/1)
     bool vendorInterface = false;   // a vendor-specific bulk interface (a probe's)
+    bool serialRecovery = false;    // an MCUboot boot loader in serial recovery answers on the first tty
+    // Its answer to the communication-parameter query; 0 and 0: it stays silent, as older ones do.
+    uint32_t smpFrameMax = 0;
+    uint32_t smpPackMax = 0;
     // The DFU-trigger interface's answers; empty means it stalls the request.
     std::string semVer;
     std::vector<uint8_t> dfuInfo;   // 24 bytes when set
 };
 
-// The four kits of the simulator: the maker's kit with two serial ports,
-// a kit behind an on-board debug probe, a maker's device with old CDC
-// firmware, and a device of another vendor.
+// The kits of the simulator: the maker's kit with two serial ports, a kit
+// behind an on-board debug probe, a maker's device with old CDC firmware, a
+// device of another vendor, and two kits waiting in MCUboot serial recovery:
+// another vendor's board that names the boot loader in its product string
+// and the maker's cellular kit, known by its product id.
 KitModel makerKit(const std::string& serial_number = "KV0000001");
 KitModel probeKit(const std::string& serial_number = "000683000123");
 KitModel oldCdcKit(const std::string& serial_number = "KV0000009");
 KitModel otherVendorDevice(const std::string& serial_number = "OTHER0001");
+KitModel mcubootDevice(const std::string& serial_number = "MB0000001");
+KitModel cellularKit(const std::string& serial_number = "KV0000520");
 
-// The kit of this name ("maker", "probe", "oldcdc", "other"); nullopt if unknown.
+// The kit of this name ("maker", "probe", "oldcdc", "other", "mcuboot",
+// "cellular"); nullopt if unknown.
 std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number = {});
 
 // The 24-byte DFU-trigger information record.
@@ -58,6 +67,7 @@ struct Placement {
 struct SysfsNode {
     std::string syspath;    // "/sys/devices/..."
     std::string devnode;    // "/dev/..." or empty
+    std::string devlink;    // a tty's "/dev/serial/by-id/..." link, else empty
     std::string text;       // its umockdev record
 };
 

@@ -7,10 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 
 #include <umockdev.h>
+
+#include "smp_simulator.hpp"
 
 namespace HALYX::SIM {
 namespace {
@@ -218,6 +221,7 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
 
 Testbed::~Testbed()
 {
+    bootloaders_.clear();
     for (const auto& [node, responder] : usb_responders_) {
         umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
     }
@@ -261,6 +265,9 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
     for (const auto& node : nodes) {
         if (node.devnode.rfind("/dev/tty", 0) == 0) {
             kit.ttys.push_back(node.devnode);
+            if (!node.devlink.empty()) {
+                kit.devlinks.push_back(node.devlink);
+            }
             if (ports_later) {
                 ports.push_back(node);
                 continue;
@@ -269,9 +276,7 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
         addNode(node);
         kit.syspaths.push_back(node.syspath);
         if (node.devnode.rfind("/dev/tty", 0) == 0) {
-            auto forwarder = std::make_unique<TtyForwarder>();
-            umockdev_testbed_attach_ioctl(testbed_, node.devnode.c_str(), forwarder->handler(), nullptr);
-            tty_forwarders_[node.devnode] = std::move(forwarder);
+            bindTty(node);
         }
         if (&node == &nodes.front()) {
             auto responder = std::make_unique<UsbResponder>(model);
@@ -284,6 +289,8 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
     }
     if (!ports.empty()) {
         pending_ports_[kit.id] = std::move(ports);
+    } else {
+        startBootloader(kit);
     }
     return kits_[kit.id] = std::move(kit);
 }
@@ -299,10 +306,59 @@ void Testbed::addPorts(unsigned id)
     for (const auto& node : pending.mapped()) {
         addNode(node);
         kit.syspaths.push_back(node.syspath);
-        auto forwarder = std::make_unique<TtyForwarder>();
-        umockdev_testbed_attach_ioctl(testbed_, node.devnode.c_str(), forwarder->handler(), nullptr);
-        tty_forwarders_[node.devnode] = std::move(forwarder);
+        bindTty(node);
     }
+    startBootloader(kit);
+}
+
+// udev would add the by-id link. Here it is one link in the testbed's /dev
+// and one beside the tty's ioctl socket: the preload looks for a socket
+// under the name the client opened, and without one answers ioctls itself.
+void Testbed::bindTty(const SysfsNode& node)
+{
+    auto forwarder = std::make_unique<TtyForwarder>();
+    GError* error = nullptr;
+    if (!umockdev_testbed_attach_ioctl(testbed_, node.devnode.c_str(), forwarder->handler(), &error)) {
+        fail("cannot attach to " + node.devnode, error);
+    }
+    tty_forwarders_[node.devnode] = std::move(forwarder);
+    if (node.devlink.empty()) {
+        return;
+    }
+    const std::filesystem::path root = umockdev_testbed_get_root_dir(testbed_);
+    for (const auto& tree : {root, root / "ioctl"}) {
+        const auto link = tree / node.devlink.substr(1);
+        const auto target = (tree / node.devnode.substr(1)).lexically_relative(link.parent_path());
+        std::filesystem::create_directories(link.parent_path());
+        std::filesystem::remove(link); // a kit of the same serial number plugged earlier
+        std::filesystem::create_symlink(target, link);
+    }
+}
+
+void Testbed::removeLink(const std::string& devlink)
+{
+    const std::filesystem::path root = umockdev_testbed_get_root_dir(testbed_);
+    std::error_code ignored;
+    std::filesystem::remove(root / devlink.substr(1), ignored);
+    std::filesystem::remove(root / "ioctl" / devlink.substr(1), ignored);
+}
+
+void Testbed::startBootloader(const Kit& kit)
+{
+    if (!kit.model.serialRecovery || kit.ttys.empty()) {
+        return;
+    }
+    SmpSimulator::Config config;
+    if (kit.model.smpFrameMax != 0 && kit.model.smpPackMax != 0) {
+        config.frameMax = kit.model.smpFrameMax;
+        config.packMax = kit.model.smpPackMax;
+    }
+    const auto& tty = kit.ttys.front();
+    const int master = umockdev_testbed_get_dev_fd(testbed_, tty.c_str());
+    if (master < 0) {
+        throw std::runtime_error("no terminal behind " + tty);
+    }
+    bootloaders_[kit.id] = std::make_unique<SmpSimulator>(config, master, tty);
 }
 
 void Testbed::unplug(unsigned id)
@@ -313,11 +369,16 @@ void Testbed::unplug(unsigned id)
         throw std::invalid_argument("no simulated kit with id " + std::to_string(id));
     }
     pending_ports_.erase(id);
+    // Silence the boot loader before its terminal goes away.
+    bootloaders_.erase(id);
     const auto& kit = node.mapped();
     for (const auto& tty : kit.ttys) {
         if (tty_forwarders_.erase(tty) > 0) {
             umockdev_testbed_detach_ioctl(testbed_, tty.c_str(), nullptr);
         }
+    }
+    for (const auto& link : kit.devlinks) {
+        removeLink(link);
     }
     umockdev_testbed_detach_ioctl(testbed_, kit.usbNode.c_str(), nullptr);
     usb_responders_.erase(kit.usbNode);
@@ -343,6 +404,13 @@ std::vector<Testbed::Kit> Testbed::kits() const
         list.push_back(kit);
     }
     return list;
+}
+
+SmpSimulator* Testbed::bootloader(unsigned id) const
+{
+    std::lock_guard lock(mutex_);
+    const auto it = bootloaders_.find(id);
+    return it != bootloaders_.end() ? it->second.get() : nullptr;
 }
 
 int Testbed::ttyMaster(const std::string& tty) const

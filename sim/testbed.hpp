@@ -14,16 +14,19 @@ namespace HALYX::SIM {
 
 class UsbResponder;
 class TtyForwarder;
+class SmpSimulator;
 
 // A umockdev testbed with simulated kits that can be plugged and unplugged
 // at run time. The process must run under umockdev-wrapper. Each kit's USB
 // node answers control transfers (the maker's DFU-trigger requests and
 // string descriptors) and its ttys forward terminal ioctls to the real pty
-// behind them, so serial I/O on them works.
+// behind them, so serial I/O on them works, by node and by-id link alike.
+// A kit in serial recovery gets an SMP boot loader on its first tty.
 //
 // Threads: the calling thread plugs and unplugs; umockdev's worker thread
-// runs the responders. Build the testbed before anything opens libusb and
-// release libusb before destroying it.
+// runs the responders; each boot loader serves on a thread of its own.
+// Build the testbed before anything opens libusb and release libusb before
+// destroying it.
 class Testbed {
 public:
     struct Kit {
@@ -33,6 +36,7 @@ public:
         std::string usbSyspath;
         std::string usbNode;
         std::vector<std::string> ttys;          // "/dev/ttyACM0", ... in vcom order
+        std::vector<std::string> devlinks;      // their "/dev/serial/by-id/..." links
         std::vector<std::string> syspaths;      // every node, parents first
     };
 
@@ -52,6 +56,9 @@ public:
     void addDescription(const std::string& text);
 
     std::vector<Kit> kits() const;
+    // The boot loader answering on a kit's first tty; null for a kit without
+    // one or before its ports are bound. Valid until the kit is unplugged.
+    SmpSimulator* bootloader(unsigned id) const;
     // The master side of a tty's pty (owned by the testbed).
     int ttyMaster(const std::string& tty) const;
     UMockdevTestbed* raw() const { return testbed_; }
@@ -61,6 +68,9 @@ public:
 
 private:
     void addNode(const SysfsNode& node);
+    void bindTty(const SysfsNode& node);
+    void startBootloader(const Kit& kit);
+    void removeLink(const std::string& link);
 
     UMockdevTestbed* testbed_ = nullptr;
     mutable std::mutex mutex_;
@@ -68,6 +78,7 @@ private:
     std::map<unsigned, std::vector<SysfsNode>> pending_ports_;
     std::map<std::string, std::unique_ptr<UsbResponder>> usb_responders_;
     std::map<std::string, std::unique_ptr<TtyForwarder>> tty_forwarders_;
+    std::map<unsigned, std::unique_ptr<SmpSimulator>> bootloaders_;
     unsigned next_id_ = 1;
     unsigned next_port_ = 1;
     unsigned next_devnum_ = 2;
