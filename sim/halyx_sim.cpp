@@ -1,5 +1,6 @@
 // halyx-sim: runs a command against simulated kits on a umockdev testbed,
-// optionally plugging and unplugging one kit while it runs.
+// optionally plugging and unplugging one kit while it runs, and can hand
+// over what a simulated boot loader stored meanwhile.
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "kit.hpp"
+#include "smp_simulator.hpp"
 #include "testbed.hpp"
 #include "wrapper.hpp"
 
@@ -30,13 +33,16 @@ const char* const kUsage =
     "Runs COMMAND with simulated USB kits attached (under umockdev).\n"
     "\n"
     "options:\n"
-    "  --kit NAME[=SERIAL]     attach a kit from the start; NAME is maker, probe, oldcdc or other\n"
+    "  --kit NAME[=SERIAL]     attach a kit from the start; NAME is maker, probe, oldcdc, other,\n"
+    "                          mcuboot or cellular (the last two wait in MCUboot serial recovery)\n"
     "  --kits N                attach N maker kits with serial numbers KV1000001...\n"
     "  --device FILE           attach the devices of a umockdev description file\n"
     "  --hotplug NAME[=SERIAL] plug this kit while COMMAND runs (see --plug-at, --unplug-at)\n"
     "  --plug-at MS            when to plug the hot-plug kit (default 1000)\n"
     "  --unplug-at MS          when to unplug it (default 2000; 0: never)\n"
-    "  --interrupt-at MS       send COMMAND an interrupt (Ctrl-C) then (default: never)\n";
+    "  --interrupt-at MS       send COMMAND an interrupt (Ctrl-C) then (default: never)\n"
+    "  --image-out FILE        when COMMAND ends, write the application image that the --kit before\n"
+    "                          this option (mcuboot or cellular) stored to FILE; empty when none was\n";
 
 struct Options {
     std::vector<HALYX::SIM::KitModel> kits;
@@ -45,6 +51,7 @@ struct Options {
     long plugAt = 1000;
     long unplugAt = 2000;
     long interruptAt = 0;
+    std::map<size_t, std::string> imageOut; // by index into kits
     std::vector<char*> command;
 };
 
@@ -65,6 +72,21 @@ bool parseNumber(const char* text, long& out)
     char* end = nullptr;
     out = std::strtol(text, &end, 10);
     return end != text && *end == '\0' && out >= 0;
+}
+
+bool writeImage(const HALYX::SIM::SmpSimulator& bootloader, const std::string& file)
+{
+    const auto image = bootloader.image();
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
+    out.close();
+    if (!out) {
+        std::fprintf(stderr, "halyx-sim: cannot write %s\n", file.c_str());
+        return false;
+    }
+    std::fprintf(stderr, "halyx-sim: the boot loader on %s stored %zu bytes; written to %s\n",
+                 bootloader.port().c_str(), image.size(), file.c_str());
+    return true;
 }
 
 } // namespace
@@ -106,6 +128,11 @@ int main(int argc, char** argv)
             for (long k = 0; k < count; ++k) {
                 options.kits.push_back(HALYX::SIM::makerKit("KV1" + std::to_string(1000000 + k).substr(1)));
             }
+        } else if (arg == "--image-out") {
+            if (options.kits.empty() || !options.kits.back().serialRecovery) {
+                return usage("--image-out follows a --kit in serial recovery (mcuboot or cellular)");
+            }
+            options.imageOut[options.kits.size() - 1] = value;
         } else if (arg == "--device") {
             options.devices.push_back(value);
         } else if (arg == "--plug-at" || arg == "--unplug-at" || arg == "--interrupt-at") {
@@ -131,8 +158,9 @@ int main(int argc, char** argv)
 
     try {
         HALYX::SIM::Testbed testbed;
+        std::vector<unsigned> ids;
         for (const auto& kit : options.kits) {
-            testbed.plug(kit);
+            ids.push_back(testbed.plug(kit).id);
         }
         for (const auto& file : options.devices) {
             std::ifstream in(file);
@@ -182,6 +210,11 @@ int main(int argc, char** argv)
                 interrupted = true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        for (const auto& [index, file] : options.imageOut) {
+            if (!writeImage(*testbed.bootloader(ids[index]), file)) {
+                return 1;
+            }
         }
         if (WIFEXITED(status)) {
             return WEXITSTATUS(status);
