@@ -117,6 +117,7 @@ void collectProgress(halyx_context*, uint64_t, const char* json, void* user_data
         halyx_cancel_async_task(collected.context, collected.task);
     }
     collected.result.progress.push_back(std::move(record));
+    collected.result.progressText.emplace_back(json);
 }
 
 void collectCompletion(halyx_context*, halyx_complete_t complete)
@@ -132,26 +133,32 @@ void collectCompletion(halyx_context*, halyx_complete_t complete)
 ProgramResult ProgramHarness::program(uint64_t device_id, const std::string& path, uint32_t format,
                                       int cancel_after_reports)
 {
+    return programDevice(context_, device_id, path, format, cancel_after_reports);
+}
+
+ProgramResult programDevice(halyx_context* context, uint64_t device_id, const std::string& path, uint32_t format,
+                            int cancel_after_reports)
+{
     halyx_firmware* firmware = nullptr;
     if (halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 0, HALYX_FW_SOURCE_FILE,
                                format) != HALYX_SUCCESS) {
         throw std::runtime_error("halyx_fw_create_handle failed for " + path);
     }
     Collected collected;
-    collected.context = context_;
+    collected.context = context;
     collected.cancel_after = cancel_after_reports;
     const auto start = std::chrono::steady_clock::now();
     {
         // The progress callback may need the task id before halyx_fw_program returns.
         std::unique_lock lock(collected.mutex);
-        const auto started = halyx_fw_program(context_, static_cast<uint32_t>(device_id), firmware, &collected.task,
+        const auto started = halyx_fw_program(context, static_cast<uint32_t>(device_id), firmware, &collected.task,
                                               nullptr, nullptr, collectProgress, collectCompletion, &collected);
         halyx_fw_release_handle(firmware);
         if (started != HALYX_SUCCESS) {
             throw std::runtime_error("halyx_fw_program refused: " + std::to_string(started));
         }
     }
-    halyx_wait_async_task_complete(context_, collected.task);
+    halyx_wait_async_task_complete(context, collected.task);
     std::lock_guard lock(collected.mutex);
     collected.result.took =
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);

@@ -45,6 +45,7 @@ struct ProgramResult {
     halyx_errorcode_t code = HALYX_ERR_GENERAL;
     std::string message;
     std::vector<nlohmann::json> progress;
+    std::vector<std::string> progressText; // as the callback got it, keys in their order
     std::chrono::milliseconds took{0};
 };
 
@@ -71,6 +72,11 @@ private:
     halyx_context* context_ = nullptr;
     HALYX::MCUBOOT::McubootPlugin* plugin_ = nullptr;
 };
+
+// Programs a file into a device of the context through the C exports and
+// waits; cancel_after_reports > 0 cancels once that many upload reports came in.
+ProgramResult programDevice(halyx_context* context, uint64_t device_id, const std::string& path, uint32_t format,
+                            int cancel_after_reports = 0);
 
 // Test data written by tests/data/image/make_mcuboot_image.py; returns what it prints.
 nlohmann::json makeImage(const std::string& kind, const std::string& out, const nlohmann::json& options);

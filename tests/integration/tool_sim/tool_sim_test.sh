@@ -2,6 +2,8 @@
 # `halyx list --json` and `halyx watch` inside halyx-sim: each kit is one
 # device with its traits, USB section and serial ports; a kit plugged and
 # unplugged while watching shows up as an arrival with its ports and a removal.
+# `halyx program` writes an image into a kit in MCUboot serial recovery, and
+# what its boot loader stored is the image, byte for byte.
 set -u
 sim="$1"
 tool="$2"
@@ -10,7 +12,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 failed=0
 
-timeout 60 "$sim" --kit maker --kit probe --kit oldcdc --kit other --device "$recorded" \
+timeout 60 "$sim" --kit maker --kit probe --kit oldcdc --kit other --kit mcuboot --kit cellular --device "$recorded" \
     -- "$tool" list --json >"$work/list.json" 2>"$work/list.err" || {
     echo "FAIL: halyx list --json inside halyx-sim exited with $?"; cat "$work/list.err"; failed=1; }
 
@@ -51,6 +53,13 @@ if old:
 
 other = by_serial.get("OTHER0001")
 check(other is not None and true_traits(other) == ["serialPorts", "usb"], "other vendor's device")
+
+mcuboot = by_serial.get("MB0000001")
+check(mcuboot is not None and true_traits(mcuboot) == ["mcuBoot", "serialPorts", "usb"],
+      f"MCUboot device traits {mcuboot and true_traits(mcuboot)}")
+cellular = by_serial.get("KV0000520")
+check(cellular is not None and true_traits(cellular) == ["kelvaneUsb", "mcuBoot", "modem", "serialPorts", "usb"],
+      f"cellular kit traits {cellular and true_traits(cellular)}")
 
 recorded = by_serial.get("E7C3A1B2F0D4")
 check(recorded is not None, "the recorded description's kit is listed")
@@ -94,5 +103,20 @@ for problem in problems:
 sys.exit(1 if problems else 0)
 PY
 
-[ "$failed" -eq 0 ] && echo "simulated kits: list and watch as expected"
+# Serial numbers of this run: the programming lock is shared by every process on the host.
+serial="MBT$$"
+head -c 150000 /dev/urandom >"$work/app.bin"
+timeout 60 "$sim" --kit cellular="KCT$$" --kit mcuboot="$serial" --image-out "$work/stored.bin" \
+    -- "$tool" program --serial "$serial" "$work/app.bin" >"$work/program.out" 2>"$work/program.err"
+status=$?
+if [ "$status" -ne 0 ]; then
+    echo "FAIL: halyx program inside halyx-sim exited with $status"; cat "$work/program.out" "$work/program.err"; failed=1
+elif ! grep -q "^Programmed $work/app.bin into device" "$work/program.out"; then
+    echo "FAIL: halyx program did not say what it programmed"; cat "$work/program.out"; failed=1
+elif ! cmp -s "$work/app.bin" "$work/stored.bin"; then
+    echo "FAIL: the simulated boot loader stored $(stat -c %s "$work/stored.bin") bytes that differ from the image"
+    failed=1
+fi
+
+[ "$failed" -eq 0 ] && echo "simulated kits: list, watch and program as expected"
 exit "$failed"
