@@ -39,6 +39,14 @@ using GPtr = std::unique_ptr<T, Unref>;
     throw std::runtime_error(message);
 }
 
+std::filesystem::path rootDir(UMockdevTestbed* testbed)
+{
+    gchar* root = umockdev_testbed_get_root_dir(testbed);
+    std::filesystem::path path(root);
+    g_free(root);
+    return path;
+}
+
 std::vector<uint8_t> stringDescriptor(const std::string& text)
 {
     std::vector<uint8_t> out{static_cast<uint8_t>(2 + 2 * text.size()), 0x03};
@@ -325,7 +333,7 @@ void Testbed::bindTty(const SysfsNode& node)
     if (node.devlink.empty()) {
         return;
     }
-    const std::filesystem::path root = umockdev_testbed_get_root_dir(testbed_);
+    const auto root = rootDir(testbed_);
     for (const auto& tree : {root, root / "ioctl"}) {
         const auto link = tree / node.devlink.substr(1);
         const auto target = (tree / node.devnode.substr(1)).lexically_relative(link.parent_path());
@@ -337,7 +345,7 @@ void Testbed::bindTty(const SysfsNode& node)
 
 void Testbed::removeLink(const std::string& devlink)
 {
-    const std::filesystem::path root = umockdev_testbed_get_root_dir(testbed_);
+    const auto root = rootDir(testbed_);
     std::error_code ignored;
     std::filesystem::remove(root / devlink.substr(1), ignored);
     std::filesystem::remove(root / "ioctl" / devlink.substr(1), ignored);
