@@ -5,10 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <unistd.h>
-
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <random>
@@ -26,13 +23,6 @@ using nlohmann::json;
 using HALYX::SIM::Testbed;
 using halyx_test::ProgramResult;
 using namespace std::chrono_literals;
-
-// The inter-process lock is named after the serial number: tests running
-// side by side must not share one.
-std::string perProcess(const std::string& prefix)
-{
-    return prefix + std::to_string(::getpid());
-}
 
 struct ContextRelease {
     void operator()(halyx_context* context) const { halyx_release_context(context); }
@@ -77,8 +67,7 @@ std::vector<uint8_t> randomImage(size_t size, unsigned seed, const std::string& 
     for (auto& byte : bytes) {
         byte = static_cast<uint8_t>(generator());
     }
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                static_cast<std::streamsize>(bytes.size()));
+    halyx_test::writeBytes(path, bytes);
     return bytes;
 }
 
@@ -95,9 +84,9 @@ std::vector<std::string> keysOf(const std::string& record)
 TEST(KitsInSerialRecovery, AreListedWithTheirTraitsAndProgrammedByteForByte)
 {
     Testbed testbed;
-    const auto generic_serial = perProcess("MB");
-    const auto cellular_serial = perProcess("KC");
-    const auto maker_serial = perProcess("KV");
+    const auto generic_serial = halyx_test::uniqueSerial("MB");
+    const auto cellular_serial = halyx_test::uniqueSerial("KC");
+    const auto maker_serial = halyx_test::uniqueSerial("KV");
     const auto generic = testbed.plug(HALYX::SIM::mcubootDevice(generic_serial)).id;
     const auto cellular = testbed.plug(HALYX::SIM::cellularKit(cellular_serial)).id;
     testbed.plug(HALYX::SIM::makerKit(maker_serial));
@@ -167,7 +156,7 @@ TEST(KitsInSerialRecovery, AreListedWithTheirTraitsAndProgrammedByteForByte)
 TEST(KitsInSerialRecovery, UnpluggedWhileProgrammingFailsWithoutHanging)
 {
     Testbed testbed;
-    const auto serial = perProcess("KU");
+    const auto serial = halyx_test::uniqueSerial("KU");
     const auto kit = testbed.plug(HALYX::SIM::cellularKit(serial)).id;
     auto* loader = testbed.bootloader(kit);
     ASSERT_NE(loader, nullptr);

@@ -1,10 +1,11 @@
 #include "program_fixture.hpp"
 
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
 
 #include <unistd.h>
+
+#include "platform/linux/named_semaphore_lock.hpp"
 
 namespace halyx_test {
 
@@ -165,22 +166,29 @@ ProgramResult programDevice(halyx_context* context, uint64_t device_id, const st
     return collected.result;
 }
 
+std::string uniqueSerial(const std::string& prefix)
+{
+    struct Names {
+        std::mutex mutex;
+        std::vector<std::string> names;
+        ~Names()
+        {
+            for (const auto& name : names) {
+                HALYX::Linux::NamedSemaphoreLock::remove(name);
+            }
+        }
+    };
+    static Names created;
+    auto serial = prefix + std::to_string(::getpid());
+    std::lock_guard lock(created.mutex);
+    created.names.push_back(serial);
+    return serial;
+}
+
 nlohmann::json makeImage(const std::string& kind, const std::string& out, const nlohmann::json& options)
 {
-    const std::string command = std::string("/usr/bin/python3 ") + HALYX_TEST_DATA_DIR +
-                                "/image/make_mcuboot_image.py " + kind + " " + out + " '" + options.dump() + "'";
-    std::string output;
-    if (FILE* pipe = ::popen(command.c_str(), "r")) {
-        char buffer[65536];
-        size_t n = 0;
-        while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-            output.append(buffer, n);
-        }
-        if (::pclose(pipe) != 0) {
-            throw std::runtime_error("failed: " + command);
-        }
-    }
-    return nlohmann::json::parse(output);
+    return nlohmann::json::parse(runOk(python() + " " + shellQuote(dataFile("image/make_mcuboot_image.py").string()) +
+                                       " " + kind + " " + shellQuote(out) + " " + shellQuote(options.dump())));
 }
 
 std::vector<uint8_t> bytesFromHex(const std::string& hex)
@@ -190,13 +198,6 @@ std::vector<uint8_t> bytesFromHex(const std::string& hex)
         bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
     }
     return bytes;
-}
-
-std::string tempPath(const std::string& name)
-{
-    const auto dir = std::filesystem::temp_directory_path() / ("halyx-mcuboot-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    return (dir / name).string();
 }
 
 } // namespace halyx_test

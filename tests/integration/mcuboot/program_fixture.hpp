@@ -11,6 +11,7 @@
 
 #include "core/context.hpp"
 #include "devices/lister.hpp"
+#include "files.hpp"
 #include "halyx.h"
 #include "mcuboot/mcuboot_plugin.hpp"
 #include "smp_simulator.hpp"
@@ -78,9 +79,13 @@ private:
 ProgramResult programDevice(halyx_context* context, uint64_t device_id, const std::string& path, uint32_t format,
                             int cancel_after_reports = 0);
 
+// A serial number of this test process's own. The programming lock is named
+// after it, so tests running side by side never share one; the lock's host
+// objects are removed when the process exits.
+std::string uniqueSerial(const std::string& prefix);
+
 // Test data written by tests/data/image/make_mcuboot_image.py; returns what it prints.
 nlohmann::json makeImage(const std::string& kind, const std::string& out, const nlohmann::json& options);
 std::vector<uint8_t> bytesFromHex(const std::string& hex);
-std::string tempPath(const std::string& name);
 
 } // namespace halyx_test

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <thread>
-
-#include <unistd.h>
 
 #include "platform/interprocess_lock.hpp"
 #include "program_fixture.hpp"
@@ -15,9 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The inter-process lock is named after it: unique per test process, since
-// ctest runs tests side by side.
-const std::string kSerial = "SIMMCUBOOT-" + std::to_string(::getpid());
+const std::string kSerial = uniqueSerial("SIMMCUBOOT-");
 
 SimulatedKitLister::Kit mcubootKit(SmpSimulator& simulator, std::string serial = kSerial)
 {
@@ -131,7 +126,7 @@ TEST(McubootProgram, BinHexAndPackageLandByteForByte)
 
     // A name that is none of the image kinds is refused before the device is opened.
     const auto text = tempPath("notes.txt");
-    std::ofstream(text) << "not an image";
+    writeText(text, "not an image");
     const auto uploads = device.stats().uploads;
     result = harness.program(id, text, HALYX_FW_FORMAT_BINARY);
     EXPECT_EQ(HALYX_ERR_GENERAL, result.code);
@@ -273,10 +268,11 @@ TEST(McubootProgram, RefusalsBeforeTheDeviceIsOpened)
 {
     SmpSimulator device(SmpSimulator::Config{});
     // A kit marked as MCUboot by another lister but without a serial port.
-    ProgramHarness harness({mcubootKit(device), {"NOPORTS", "MCUBOOT", "1234", nullptr, {{"mcuBoot", true}}, {}}});
+    const auto no_ports = uniqueSerial("NOPORTS-");
+    ProgramHarness harness({mcubootKit(device), {no_ports, "MCUBOOT", "1234", nullptr, {{"mcuBoot", true}}, {}}});
     const auto bin = tempPath("refusals.bin");
     writeImage(bin, 1000, 10);
-    auto result = harness.program(harness.idOf("NOPORTS"), bin, HALYX_FW_FORMAT_BINARY);
+    auto result = harness.program(harness.idOf(no_ports), bin, HALYX_FW_FORMAT_BINARY);
     EXPECT_EQ(HALYX_ERR_OPEN_FAILED, result.code);
     EXPECT_EQ("Error when programming through MCUBoot: Serialport is needed for MCUBoot DFU over serial. Error code: "
               "608 (UartNotFound).",

@@ -3,8 +3,6 @@
 #include <cstdio>
 #include <fstream>
 
-#include <unistd.h>
-
 #include "program_fixture.hpp"
 
 using namespace halyx_test;
@@ -25,7 +23,7 @@ TEST(McubootIndependentResponder, AcceptsAFullUpload)
     std::string port_name(port);
     port_name.erase(port_name.find_last_not_of("\r\n") + 1);
 
-    const std::string serial = "RESPONDER-" + std::to_string(::getpid());
+    const std::string serial = uniqueSerial("RESPONDER-");
     const auto bin = tempPath("responder.bin");
     const auto made = makeImage("image", bin, {{"body", 150000}, {"seed", 11}});
     {

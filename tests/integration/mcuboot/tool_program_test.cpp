@@ -27,7 +27,7 @@ TEST(ToolProgram, JsonLinesAndCtrlC)
     config.frameMax = 127;
     config.packMax = 2048;
     SmpSimulator device(config);
-    const std::string serial = "TOOLKIT-" + std::to_string(::getpid());
+    const std::string serial = uniqueSerial("TOOLKIT-");
     ProgramHarness harness({{serial, "MCUBOOT", "1234", &device, {}, {}}});
 
     const auto bin = tempPath("tool.bin");
@@ -57,7 +57,7 @@ TEST(ToolProgram, JsonLinesAndCtrlC)
     slow.baudRate = 115200;
     SmpSimulator slow_device(slow);
     halyx_tool::StopSignal stop_slow;
-    const std::string slow_serial = serial + "-SLOW";
+    const std::string slow_serial = uniqueSerial("TOOLKIT-SLOW-");
     ProgramHarness slow_harness({{slow_serial, "MCUBOOT", "1234", &slow_device, {}, {}}});
     const auto big = tempPath("tool-big.bin");
     makeImage("image", big, {{"body", 300000}, {"seed", 13}});

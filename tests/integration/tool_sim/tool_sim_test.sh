@@ -9,7 +9,8 @@ sim="$1"
 tool="$2"
 recorded="$3"
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# The programming lock of this run's kit lives on in /dev/shm unless removed.
+trap 'rm -rf "$work" "/dev/shm/sem.halyx-MBT$$" "/dev/shm/halyx-MBT$$.owner"' EXIT
 failed=0
 
 timeout 60 "$sim" --kit maker --kit probe --kit oldcdc --kit other --kit mcuboot --kit cellular --device "$recorded" \

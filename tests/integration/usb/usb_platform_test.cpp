@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "../../unit/platform/log_capture.hpp"
 #include "halyx.h"
+#include "logger_capture.hpp"
 #include "platform/linux/usb_platform_api.hpp"
 #include "platform/usb_lister.hpp"
 #include "test_context.hpp"
@@ -109,7 +109,7 @@ TEST(UsbPlatform, RecordsCarryBusStringsAndTheDescriptorTree)
     EXPECT_EQ(usb.at("descriptors").at("configList").at(0).at("interfaceLists").size(), 5u);
 
     // The kit restarts on the trigger instead of answering: that is success.
-    LogCapture log;
+    halyx_test::LoggerCapture log;
     platform.sendTriggerRequest(*kit, 1);
     EXPECT_TRUE(log.contains("Control transfer was not successful. This is as expected."));
     EXPECT_TRUE(log.contains("[<-] HALYX::Linux::USBPlatformAPI::sendTriggerRequest [took "));

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -12,6 +11,7 @@
 
 #include "core/firmware.hpp"
 #include "core/halyx_exception.hpp"
+#include "files.hpp"
 #include "scripted_plugin.hpp"
 #include "test_context.hpp"
 
@@ -274,8 +274,8 @@ TEST(Dispatch, ResultsReachTheirCallbacksAndCancellationTheOperation)
 TEST(Dispatch, FirmwareHandleChecks)
 {
     halyx_firmware* firmware = nullptr;
-    const auto path = (std::filesystem::temp_directory_path() / "halyx-dispatch-test.hex").string();
-    std::ofstream(path) << ":00000001FF\n";
+    const auto path = halyx_test::tempPath("dispatch.hex");
+    halyx_test::writeText(path, ":00000001FF\n");
 
     EXPECT_EQ(halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 3,
                                      HALYX_FW_SOURCE_FILE, HALYX_FW_FORMAT_INTEL_HEX),

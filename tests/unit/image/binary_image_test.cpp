@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "image/binary_image.hpp"
-#include "test_support.hpp"
+#include "files.hpp"
 
 namespace HALYX {
 namespace {
@@ -76,10 +76,10 @@ TEST(BinaryImage, SortsMergesAndRefusesOverlaps)
 
 TEST(BinaryImage, SavesWholeFilesOrNothing)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const auto image = twoSegments();
     image.save(dir / "a.bin", "bin");
-    EXPECT_EQ(TestSupport::readBytes(dir / "a.bin"), (Bytes{1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 9}));
+    EXPECT_EQ(halyx_test::readBytes(dir / "a.bin"), (Bytes{1, 2, 3, 4, 0xFF, 0xFF, 0xFF, 0xFF, 9}));
     image.save(dir / "a.hex", "HEX");
     const auto back = BinaryImage::fromHexFile(dir / "a.hex");
     EXPECT_EQ(back.segmentCount(), 2u);

@@ -7,14 +7,14 @@
 #include <nlohmann/json.hpp>
 
 #include "image/binary_image.hpp"
-#include "test_support.hpp"
+#include "files.hpp"
 
 namespace HALYX {
 namespace {
 
-using TestSupport::dataFile;
-using TestSupport::runOk;
-using TestSupport::shellQuote;
+using halyx_test::dataFile;
+using halyx_test::runOk;
+using halyx_test::shellQuote;
 using Bytes = std::vector<uint8_t>;
 
 // Builds the little Cortex-M program once for all tests here.
@@ -22,12 +22,12 @@ class ElfLoader : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        dir_ = std::make_unique<TestSupport::TempDir>();
-        std::ifstream in(dataFile("cortex_m/link.ld.in"));
+        dir_ = std::make_unique<halyx_test::TempDir>();
+        std::ifstream in(dataFile("image/cortex_m/link.ld.in"));
         std::string script{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
         script.replace(script.find("@CONFIG_ORIGIN@"), 15, "0x10001000");
-        TestSupport::writeText(*dir_ / "link.ld", script);
-        const auto source = shellQuote(dataFile("cortex_m/main.c").string());
+        halyx_test::writeText(*dir_ / "link.ld", script);
+        const auto source = shellQuote(dataFile("image/cortex_m/main.c").string());
         runOk(fmt::format("arm-none-eabi-gcc -mcpu=cortex-m4 -mthumb -O1 -nostdlib -ffreestanding -T {} {} -o {}",
                           shellQuote((*dir_ / "link.ld").string()), source, shellQuote(elf().string())));
         runOk(fmt::format("arm-none-eabi-gcc -mbig-endian -c {} -o {}", source, shellQuote((*dir_ / "be.o").string())));
@@ -46,17 +46,17 @@ protected:
         return static_cast<uint32_t>(std::stoul(out.substr(out.rfind('\n', at) + 1, 8), nullptr, 16));
     }
 
-    static std::unique_ptr<TestSupport::TempDir> dir_;
+    static std::unique_ptr<halyx_test::TempDir> dir_;
 };
-std::unique_ptr<TestSupport::TempDir> ElfLoader::dir_;
+std::unique_ptr<halyx_test::TempDir> ElfLoader::dir_;
 
 TEST_F(ElfLoader, LoadsWhatObjcopyWouldWrite)
 {
     const auto image = BinaryImage::fromElfFile(elf());
     const auto hex = file("fw.hex");
     runOk(fmt::format("arm-none-eabi-objcopy -O ihex {} {}", shellQuote(elf().string()), shellQuote(hex.string())));
-    const auto oracle = nlohmann::json::parse(
-        runOk(TestSupport::python() + " " + shellQuote(dataFile("hex_oracle.py")) + " dump " + shellQuote(hex.string())));
+    const auto oracle = nlohmann::json::parse(runOk(halyx_test::python() + " " + shellQuote(dataFile("image/hex_oracle.py")) +
+                                                    " dump " + shellQuote(hex.string())));
     const auto segments = image.segments();
     ASSERT_EQ(segments.size(), oracle["segments"].size());
     for (size_t i = 0; i < segments.size(); ++i) {
@@ -81,7 +81,7 @@ TEST_F(ElfLoader, LoadsWhatObjcopyWouldWrite)
 
 TEST_F(ElfLoader, WithoutSectionHeadersLoadsWholeSegments)
 {
-    auto bytes = TestSupport::readBytes(elf());
+    auto bytes = halyx_test::readBytes(elf());
     // e_shoff, e_shnum and e_shstrndx of a 32-bit header
     std::memset(bytes.data() + 0x20, 0, 4);
     std::memset(bytes.data() + 0x30, 0, 4);
@@ -105,9 +105,9 @@ TEST_F(ElfLoader, RefusesWhatItCannotLoad)
             EXPECT_EQ(e.what(), message);
         }
     };
-    const auto good = TestSupport::readBytes(elf());
-    expectError(TestSupport::readBytes(file("x64.o")), "Content is not a 32bit elf file.");
-    expectError(TestSupport::readBytes(file("be.o")), "Content is not a little endian elf file.");
+    const auto good = halyx_test::readBytes(elf());
+    expectError(halyx_test::readBytes(file("x64.o")), "Content is not a 32bit elf file.");
+    expectError(halyx_test::readBytes(file("be.o")), "Content is not a little endian elf file.");
     expectError(Bytes(good.begin(), good.begin() + 15), "Could not load elf data.");
     expectError({}, "Could not load elf data.");
     expectError(Bytes(good.begin(), good.begin() + good.size() / 2), "Could not load elf data.");
@@ -117,7 +117,7 @@ TEST_F(ElfLoader, RefusesWhatItCannotLoad)
     Bytes notElf = good;
     notElf[1] = 'X';
     expectError(notElf, "Could not load elf data.");
-    expectError(TestSupport::readBytes(file("empty.o")), "BinaryImage x.elf is empty.");
+    expectError(halyx_test::readBytes(file("empty.o")), "BinaryImage x.elf is empty.");
 
     try {
         BinaryImage::fromElfFile(file("missing.elf"));

@@ -8,15 +8,15 @@
 
 #include "image/binary_image.hpp"
 #include "image/intel_hex_reader.hpp"
-#include "test_support.hpp"
+#include "files.hpp"
 
 namespace HALYX {
 namespace {
 
-using TestSupport::dataFile;
-using TestSupport::python;
-using TestSupport::runOk;
-using TestSupport::shellQuote;
+using halyx_test::dataFile;
+using halyx_test::python;
+using halyx_test::runOk;
+using halyx_test::shellQuote;
 
 std::span<const uint8_t> bytesOf(const std::string& text)
 {
@@ -44,7 +44,7 @@ const std::string kEof = ":00000001FF";
 
 nlohmann::json oracleDump(const std::filesystem::path& file)
 {
-    return nlohmann::json::parse(runOk(python() + " " + shellQuote(dataFile("hex_oracle.py")) + " dump " +
+    return nlohmann::json::parse(runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " dump " +
                                        shellQuote(file.string())));
 }
 
@@ -118,10 +118,10 @@ TEST(IntelHexReader, RefusesEachMalformedLineWithItsReason)
 
 TEST(IntelHexReader, ChecksTheFileAsAWhole)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     auto expectError = [&](const std::string& content, const std::string& message) {
         const auto path = dir / "f.hex";
-        TestSupport::writeText(path, content);
+        halyx_test::writeText(path, content);
         try {
             BinaryImage::fromHexFile(path);
             ADD_FAILURE() << "accepted: " << message;
@@ -178,10 +178,10 @@ TEST(IntelHexReader, AppliesAddressRecordsAndMergesRecords)
 
 TEST(IntelHexReader, LinesSplitAcrossPiecesReadTheSame)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const auto path = dir / "m.hex";
-    runOk(python() + " " + shellQuote(dataFile("hex_oracle.py")) + " make " + shellQuote(path.string()) + " 7");
-    const auto text = TestSupport::readBytes(path);
+    runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " make " + shellQuote(path.string()) + " 7");
+    const auto text = halyx_test::readBytes(path);
     const auto whole = BinaryImage::fromHex(text, "m.hex");
     for (size_t piece : {1, 2, 3, 5, 13, 64}) {
         BinaryImage image;
@@ -202,11 +202,11 @@ TEST(IntelHexReader, LinesSplitAcrossPiecesReadTheSame)
 // Files from two independent writers, read as Python's intelhex reads them.
 TEST(IntelHexReader, ReadsIndependentlyWrittenFilesAsIntelhexDoes)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     for (int seed = 1; seed <= 5; ++seed) {
         for (const char* mode : {"make", "write"}) {
             const auto path = dir / fmt::format("{}{}.hex", mode, seed);
-            runOk(python() + " " + shellQuote(dataFile("hex_oracle.py")) + " " + mode + " " +
+            runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " " + mode + " " +
                   shellQuote(path.string()) + " " + std::to_string(seed));
             SCOPED_TRACE(path.filename().string());
             expectSameAsOracle(BinaryImage::fromHexFile(path), oracleDump(path));
@@ -216,13 +216,13 @@ TEST(IntelHexReader, ReadsIndependentlyWrittenFilesAsIntelhexDoes)
 
 TEST(IntelHexReader, ReadsSrecCatOutput)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     std::mt19937 random(42);
     std::vector<uint8_t> payload(200000);
     for (auto& b : payload) {
         b = static_cast<uint8_t>(random());
     }
-    TestSupport::writeBytes(dir / "p.bin", payload);
+    halyx_test::writeBytes(dir / "p.bin", payload);
     // Default (04 records) and segmented (02/03 records) addressing.
     for (const auto& [options, offset] : {std::pair{std::string(""), 0x1FFF8u}, std::pair{std::string("-address-length=3"), 0x2345u}}) {
         const auto hex = dir / "p.hex";
@@ -239,16 +239,16 @@ TEST(IntelHexReader, ReadsSrecCatOutput)
 
 TEST(IntelHexWriter, OutputReadsBackInEveryReader)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     for (int seed = 1; seed <= 4; ++seed) {
         const auto source = dir / "in.hex";
-        runOk(python() + " " + shellQuote(dataFile("hex_oracle.py")) + " make " + shellQuote(source.string()) + " " +
+        runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " make " + shellQuote(source.string()) + " " +
               std::to_string(seed));
         const auto image = BinaryImage::fromHexFile(source);
         const auto written = dir / "out.hex";
         image.save(written, "hex");
 
-        const auto text = TestSupport::readBytes(written);
+        const auto text = halyx_test::readBytes(written);
         std::istringstream lines(std::string(text.begin(), text.end()));
         for (std::string line; std::getline(lines, line);) {
             ASSERT_TRUE(!line.empty() && line.back() == '\r') << "line without CRLF: " << line;

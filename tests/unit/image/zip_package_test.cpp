@@ -5,13 +5,13 @@
 #include "image/firmware_loader.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
-#include "test_support.hpp"
+#include "files.hpp"
 
 namespace HALYX {
 namespace {
 
-using TestSupport::runOk;
-using TestSupport::shellQuote;
+using halyx_test::runOk;
+using halyx_test::shellQuote;
 using Bytes = std::vector<uint8_t>;
 
 // Expects fn to throw a HALYXException with this code and message.
@@ -28,7 +28,7 @@ void expectHalyxError(Fn&& fn, halyx_errorcode_t code, const std::string& messag
 }
 
 // Zips the files of dir (paths relative to it, in this order) with the zip tool.
-std::filesystem::path zipUp(const TestSupport::TempDir& dir, const std::string& name, const std::string& files,
+std::filesystem::path zipUp(const halyx_test::TempDir& dir, const std::string& name, const std::string& files,
                             const std::string& options = "")
 {
     runOk(fmt::format("cd {} && zip -q {} {} {}", shellQuote(dir.path().string()), options, name, files));
@@ -42,11 +42,11 @@ std::string text(const Bytes& bytes)
 
 TEST(ZipArchive, FindsEntriesByNameThenBySubstring)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     std::filesystem::create_directories(dir / "pkg");
-    TestSupport::writeText(dir / "pkg/manifest.json", "in a folder");
-    TestSupport::writeText(dir / "pkg/app.hex", "app");
-    TestSupport::writeText(dir / "manifest.json", "at the root");
+    halyx_test::writeText(dir / "pkg/manifest.json", "in a folder");
+    halyx_test::writeText(dir / "pkg/app.hex", "app");
+    halyx_test::writeText(dir / "manifest.json", "at the root");
     const auto folderOnly = zipUp(dir, "folder.zip", "pkg/app.hex pkg/manifest.json");
     const auto both = zipUp(dir, "both.zip", "pkg/manifest.json manifest.json");
 
@@ -57,7 +57,7 @@ TEST(ZipArchive, FindsEntriesByNameThenBySubstring)
     expectHalyxError([&] { archive.read("boot.bin"); }, HALYX_ERR_NOT_FOUND, "file not found in zip: boot.bin");
     EXPECT_EQ(text(ZipArchive::open(both).read("manifest.json")), "at the root");
 
-    const auto fromMemory = ZipArchive::fromBuffer(TestSupport::readBytes(folderOnly));
+    const auto fromMemory = ZipArchive::fromBuffer(halyx_test::readBytes(folderOnly));
     EXPECT_EQ(text(fromMemory.read("manifest.json")), "in a folder");
 
     expectHalyxError([&] { ZipArchive::open(dir / "pkg/app.hex"); }, HALYX_ERR_OPEN_FAILED,
@@ -68,13 +68,13 @@ TEST(ZipArchive, FindsEntriesByNameThenBySubstring)
 
 TEST(ZipArchive, ReportsDamagedEntries)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     std::string content;
     for (int i = 0; i < 2000; ++i) {
         content += fmt::format(":10{:04X}00000102030405060708090A0B0C0D0E0F00\n", i * 16);
     }
-    TestSupport::writeText(dir / "big.hex", content);
-    auto bytes = TestSupport::readBytes(zipUp(dir, "p.zip", "big.hex", "-9"));
+    halyx_test::writeText(dir / "big.hex", content);
+    auto bytes = halyx_test::readBytes(zipUp(dir, "p.zip", "big.hex", "-9"));
     // The deflated data follows the 30-byte local header, the name and the extra field.
     const size_t data = 30 + (bytes[26] | bytes[27] << 8) + (bytes[28] | bytes[29] << 8);
     for (size_t i = data + 20; i < data + 60; ++i) {
@@ -120,29 +120,29 @@ halyx_firmware firmware(uint32_t format, std::string data, bool file)
 
 TEST(FirmwareLoader, ReadsEveryFormatOfAHandle)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const std::string hex = ":020010000102EB\n:00000001FF\n";
     EXPECT_EQ(loadFirmwareImage(firmware(HALYX_FW_FORMAT_INTEL_HEX, hex, false)).read(0x10, 2), (Bytes{1, 2}));
     EXPECT_EQ(loadFirmwareImage(firmware(HALYX_FW_FORMAT_BINARY, "\x07\x08", false), 0x8000).read(0x8000, 2),
               (Bytes{7, 8}));
 
     std::filesystem::create_directories(dir / "fw");
-    TestSupport::writeText(dir / "fw/a.hex", hex);
-    TestSupport::writeText(dir / "fw/b.bin", std::string(4, '\x09'));
-    TestSupport::writeText(dir / "fw/manifest.json",
+    halyx_test::writeText(dir / "fw/a.hex", hex);
+    halyx_test::writeText(dir / "fw/b.bin", std::string(4, '\x09'));
+    halyx_test::writeText(dir / "fw/manifest.json",
                     R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": "0x12"}]})");
     const auto package = zipUp(dir, "p.zip", "fw/a.hex fw/b.bin fw/manifest.json");
     for (bool fromFile : {true, false}) {
         const auto image = loadFirmwareImage(firmware(
-            HALYX_FW_FORMAT_ZIP, fromFile ? package.string() : text(TestSupport::readBytes(package)), fromFile));
+            HALYX_FW_FORMAT_ZIP, fromFile ? package.string() : text(halyx_test::readBytes(package)), fromFile));
         ASSERT_EQ(image.segmentCount(), 1u);
         EXPECT_EQ(image.read(0x10, 6), (Bytes{1, 2, 9, 9, 9, 9}));
     }
 
-    TestSupport::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin"}]})");
+    halyx_test::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin"}]})");
     expectHalyxError([&] { loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP, zipUp(dir, "q.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true)); },
                      HALYX_ERR_MANIFEST, "load_address key missing");
-    TestSupport::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": 17}]})");
+    halyx_test::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": 17}]})");
     EXPECT_THROW(loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP, zipUp(dir, "r.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true)),
                  BinaryImage::memory_error);
     expectHalyxError([&] { loadFirmwareImage(firmware(HALYX_FW_FORMAT_MODEM_PACKAGE, package.string(), true)); },

@@ -6,20 +6,20 @@
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/keil_hex_file.hpp"
 #include "mcuboot/multi_image_file.hpp"
-#include "test_support.hpp"
+#include "files.hpp"
 
 namespace HALYX::MCUBOOT {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 using nlohmann::json;
-using TestSupport::shellQuote;
+using halyx_test::shellQuote;
 
 // Runs the image script; returns what it prints.
 json script(const std::string& command, const std::filesystem::path& out, const json& layout)
 {
-    return json::parse(TestSupport::runOk(fmt::format("{} {} {} {} {}", TestSupport::python(),
-                                                      shellQuote(TestSupport::dataFile("make_mcuboot_image.py")),
+    return json::parse(halyx_test::runOk(fmt::format("{} {} {} {} {}", halyx_test::python(),
+                                                      shellQuote(halyx_test::dataFile("image/make_mcuboot_image.py")),
                                                       command, shellQuote(out.string()), shellQuote(layout.dump()))));
 }
 
@@ -54,7 +54,7 @@ void expectMessage(Fn&& fn, const std::string& message)
 
 TEST(McubootImage, HeaderAndTrailerMatchTheWriter)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const std::vector<json> variants = {
         {{"body", 1000}},
         {{"body", 300}, {"magic", 0x96F3B83C}, {"header_size", 0x200}, {"version", {9, 8, 0x1234, 0x56789ABC}}},
@@ -159,13 +159,13 @@ TEST(McubootImage, HandsOutChunksInOrder)
     expectMessage([&] { file.readAt(101, 0); }, "Not enough bytes left in image");
     BinaryFile empty(Bytes{});
     EXPECT_EQ(empty.nextChunk(16).bytes.size(), 0u);
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     expectMessage([&] { BinaryFile::fromFile(dir / "missing.bin"); }, "Image file read failed");
 }
 
 TEST(McubootImage, ReadsHexImagesWithGapsAsErasedFlash)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const auto path = dir / "image.hex";
     // Starts just below a 64 KiB boundary; 40 body bytes are missing from the file.
     const auto expected = script("image", path, {{"body", 3000}, {"hex", 0x1FFF0}, {"hole", {100, 40}}});
@@ -180,7 +180,7 @@ TEST(McubootImage, ReadsHexImagesWithGapsAsErasedFlash)
 
 TEST(McubootImage, PackagesListImagesInManifestOrder)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     const auto path = dir / "package.zip";
     const json layout = {
         {"files",
@@ -196,7 +196,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
     };
     const auto expected = script("package", path, layout);
     const auto fromFile = MultiImageFile::fromFile(path);
-    const auto fromBuffer = MultiImageFile::fromBuffer(TestSupport::readBytes(path));
+    const auto fromBuffer = MultiImageFile::fromBuffer(halyx_test::readBytes(path));
     for (const auto* package : {&fromFile, &fromBuffer}) {
         const auto& images = package->images();
         ASSERT_EQ(images.size(), 3u);
@@ -222,7 +222,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
 
 TEST(McubootImage, RefusesBrokenPackages)
 {
-    TestSupport::TempDir dir;
+    halyx_test::TempDir dir;
     auto expectCode = [&](const json& layout, halyx_errorcode_t code, const std::string& message) {
         const auto path = dir / "p.zip";
         script("package", path, layout);
@@ -242,7 +242,7 @@ TEST(McubootImage, RefusesBrokenPackages)
     expectCode({{"files", {{{"file", "a.bin"}, {"image_index", "one"}}}}, {"images", {{"a.bin", image}}}},
                HALYX_ERR_MANIFEST, "\"image_index\" of manifest item a.bin is not an unsigned number: \"one\"");
 
-    TestSupport::writeText(dir / "not.zip", "not a zip");
+    halyx_test::writeText(dir / "not.zip", "not a zip");
     try {
         MultiImageFile::fromFile(dir / "not.zip");
         ADD_FAILURE() << "opened a text file";

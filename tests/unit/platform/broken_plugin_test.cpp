@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "devices/broken_plugin.hpp"
-#include "log_capture.hpp"
+#include "logger_capture.hpp"
 
 namespace {
 
@@ -40,7 +40,7 @@ Run enumerate(json devices)
 TEST(BrokenPlugin, DevicePathRuleIsAThirtyCharacterPrefix)
 {
     const std::string broken = R"(\\?\USB#VID_7A5C&PID_520F#0.01)";
-    LogCapture log;
+    halyx_test::LoggerCapture log;
     const auto run = enumerate(json::array({
         usbDevice(1, broken, "x", 0x520F, 0x0300),
         usbDevice(2, broken + R"(#{a5dcbf10-6530-11d2-901f-00c04fb951ed})", "x", 0x520F, 0x0300),
@@ -66,7 +66,7 @@ TEST(BrokenPlugin, CdcFirmwareRuleOnlyReports)
 {
     const char* maker = "Kelvane Semiconductor";
     {
-        LogCapture log;
+        halyx_test::LoggerCapture log;
         const auto run = enumerate(json::array({usbDevice(1, "/dev/bus/usb/001/002", maker, 0x9100, 0x0203)}));
         EXPECT_TRUE(log.contains("has a bug related to DTR/RTS and setting of baud rate. Upgrade the KVB firmware "
                                  "to version 1.6.0 or newer"));
@@ -74,14 +74,14 @@ TEST(BrokenPlugin, CdcFirmwareRuleOnlyReports)
         EXPECT_TRUE(run.changed.empty());
     }
     {
-        LogCapture log;
+        halyx_test::LoggerCapture log;
         enumerate(json::array({usbDevice(1, "/dev/bus/usb/001/002", maker, 0x520F, 0x0204)}));
         EXPECT_TRUE(log.contains("The firmware on this Trekkit has no known USB CDC bugs."));
         EXPECT_FALSE(log.contains("DTR/RTS"));
     }
     {
         // Another product, another manufacturer text, or none: not judged.
-        LogCapture log;
+        halyx_test::LoggerCapture log;
         enumerate(json::array({usbDevice(1, "p", maker, 0x9101, 0x0100), usbDevice(2, "p", "Kelvane", 0x9100, 0x0100),
                                usbDevice(3, "p", nullptr, 0x9100, 0x0100)}));
         EXPECT_FALSE(log.contains("DTR/RTS"));

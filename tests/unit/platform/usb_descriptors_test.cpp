@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "log_capture.hpp"
+#include "logger_capture.hpp"
 #include "platform/usb_device.hpp"
 
 namespace {
@@ -50,7 +50,7 @@ TEST(UsbDescriptors, TreeFollowsTheOrderOfTheDescriptors)
 
 TEST(UsbDescriptors, MisplacedAndTruncatedDescriptorsAreSkipped)
 {
-    LogCapture log;
+    halyx_test::LoggerCapture log;
     const std::vector<uint8_t> blob{
         7, 0x05, 0x81, 0x03, 8, 0, 1,             // endpoint before any configuration
         9, 0x04, 0, 0, 1, 0x02, 0x02, 0x01, 0,    // interface before any configuration

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/halyx_exception.hpp"
-#include "log_capture.hpp"
+#include "logger_capture.hpp"
 #include "platform/usb_lister.hpp"
 
 namespace {
@@ -89,7 +89,7 @@ TEST(USBLister, MakersDevicesAreAskedOthersAreNot)
     short_info.resize(10);
     fake->replies[{"B", 7}] = short_info;
 
-    LogCapture log;
+    halyx_test::LoggerCapture log;
     HALYX::USBLister lister(std::move(platform));
     const auto findings = lister.enumerate();
     ASSERT_EQ(findings.size(), 3u);
@@ -123,7 +123,7 @@ TEST(USBLister, ADeviceWithoutTriggerInterfaceIsStillListed)
     auto nameless = usbDevice("", 0x7A5C);
     nameless.serialNumber.reset();
     platform->devices = {nameless};
-    LogCapture log;
+    halyx_test::LoggerCapture log;
     HALYX::USBLister lister(std::move(platform));
     const auto findings = lister.enumerate();
     ASSERT_EQ(findings.size(), 1u);

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace HALYX::TestSupport {
+namespace halyx_test {
 
 // A directory of its own under the system's temporary folder, removed with
 // everything in it when the object goes.
@@ -39,9 +39,11 @@ std::vector<uint8_t> readBytes(const std::filesystem::path& path);
 void writeBytes(const std::filesystem::path& path, const std::vector<uint8_t>& bytes);
 void writeText(const std::filesystem::path& path, const std::string& text);
 
-// The oracle scripts and sources kept with the test data.
+// A file kept under tests/data, named relative to it.
 std::filesystem::path dataFile(const std::string& name);
-// Debian's Python, which sees the intelhex module.
+// Debian's Python, which sees the modules the oracles import (intelhex, cbor2).
 std::string python();
+// A path in a folder of this test process's own, removed when it exits.
+std::string tempPath(const std::string& name);
 
-} // namespace HALYX::TestSupport
+} // namespace halyx_test

@@ -1,4 +1,4 @@
-#include "test_support.hpp"
+#include "files.hpp"
 
 #include <array>
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-namespace HALYX::TestSupport {
+namespace halyx_test {
 
 TempDir::TempDir()
 {
@@ -81,7 +81,7 @@ void writeText(const std::filesystem::path& path, const std::string& text)
 
 std::filesystem::path dataFile(const std::string& name)
 {
-    return std::filesystem::path(HALYX_IMAGE_TEST_DATA) / name;
+    return std::filesystem::path(HALYX_TEST_DATA_DIR) / name;
 }
 
 std::string python()
@@ -89,4 +89,10 @@ std::string python()
     return "/usr/bin/python3";
 }
 
-} // namespace HALYX::TestSupport
+std::string tempPath(const std::string& name)
+{
+    static const TempDir folder;
+    return (folder / name).string();
+}
+
+} // namespace halyx_test

@@ -9,10 +9,14 @@
 
 #include "core/logging.hpp"
 
-// Collects what the library logs while it lives (single-threaded tests only).
-class LogCapture {
+namespace halyx_test {
+
+// Collects what the library's logger receives while it lives, for tests of
+// parts that run without a context (single-threaded tests only). LogCapture
+// is the one that listens through a context's log callback.
+class LoggerCapture {
 public:
-    LogCapture() : sink_(std::make_shared<spdlog::sinks::ostream_sink_st>(stream_))
+    LoggerCapture() : sink_(std::make_shared<spdlog::sinks::ostream_sink_st>(stream_))
     {
         auto logger = HALYX::Log::logger();
         previous_ = logger->level();
@@ -20,15 +24,15 @@ public:
         logger->sinks().push_back(sink_);
         logger->set_level(spdlog::level::trace);
     }
-    ~LogCapture()
+    ~LoggerCapture()
     {
         auto logger = HALYX::Log::logger();
         auto& sinks = logger->sinks();
         sinks.erase(std::remove(sinks.begin(), sinks.end(), sink_), sinks.end());
         logger->set_level(previous_);
     }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
+    LoggerCapture(const LoggerCapture&) = delete;
+    LoggerCapture& operator=(const LoggerCapture&) = delete;
 
     std::string text() const { return stream_.str(); }
     bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
@@ -47,3 +51,5 @@ private:
     std::shared_ptr<spdlog::sinks::ostream_sink_st> sink_;
     spdlog::level::level_enum previous_ = spdlog::level::off;
 };
+
+} // namespace halyx_test
