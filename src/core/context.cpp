@@ -1,9 +1,10 @@
 #include "core/context.hpp"
 
+#include "core/builtin_plugins.hpp"
 #include "core/logging.hpp"
 #include "devices/device_lister.hpp"
+#include "devices/usb_lister.hpp"
 #include "platform/host.hpp"
-#include "platform/usb_lister.hpp"
 
 namespace {
 
@@ -13,7 +14,7 @@ std::atomic<uint64_t> context_counter{0};
 
 HALYX::ContextParts HALYX::defaultContextParts()
 {
-    return ContextParts{std::make_unique<USBLister>(makeHostUsbPlatform()), builtinPluginFactories()};
+    return ContextParts{std::make_unique<USBLister>(makeHostUsbPlatform()), builtinPlugins()};
 }
 
 halyx_context::halyx_context(HALYX::ContextParts parts)

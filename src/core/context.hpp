@@ -10,6 +10,7 @@
 #include "core/last_error.hpp"
 #include "core/log_subscriber.hpp"
 #include "core/task_table.hpp"
+#include "core/timeouts.hpp"
 #include "core/version_list.hpp"
 #include "devices/lister.hpp"
 #include "devices/plugin_registry.hpp"
@@ -18,8 +19,6 @@
 namespace HALYX {
 
 class DeviceLister;
-
-constexpr halyx_timeout_configuration_t kDefaultTimeouts{60000, 60, 30000, 30000};
 
 // What a context is built from: the host's asynchronous lister (none on a
 // host without one) and the plugin factories. Tests hand in their own.

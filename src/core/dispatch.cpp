@@ -3,6 +3,7 @@
 #include "core/context.hpp"
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
+#include "devices/device_lister.hpp"
 
 namespace HALYX {
 namespace {
@@ -37,11 +38,16 @@ void dispatch(halyx_context& context, DispatchRequest request, OperationBody bod
                plugin->getName());
 
     request.callbacks.context = &context;
+    const Operation::Environment environment{context.timeouts(), context.lister.get()};
+    // A plugin made for this operation follows device events while it works
+    // (its device may restart); the context's own plugins always do.
+    const bool fresh = !context.plugins.contains(plugin.get());
     uint64_t* const task_id_out = request.taskId;
     *task_id_out = context.tasks.add(
-        [request = std::move(request), device = std::move(device), plugin = std::move(plugin),
-         body = std::move(body)](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
-            Operation operation(task, request.options, request.mcuEndState, request.callbacks);
+        [request = std::move(request), device = std::move(device), plugin = std::move(plugin), body = std::move(body),
+         environment, fresh, lister = context.lister.get()](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
+            Operation operation(task, request.options, request.mcuEndState, request.callbacks, environment);
+            const auto following = fresh ? lister->follow(plugin) : PluginFollowers::Ticket();
             try {
                 operation.throwIfCancelled();
                 body(*plugin, device, operation);

@@ -1,46 +1,50 @@
 #include "devices/broken_plugin.hpp"
 
+#include <fmt/format.h>
+
 #include "core/logging.hpp"
+#include "devices/known_kits.hpp"
 
 namespace HALYX {
 namespace {
 
 using nlohmann::json;
 
-// The device path of the firmware whose USB serial number is the fixed "0.01".
-constexpr std::string_view kBrokenPathPrefix = R"(\\?\USB#VID_7A5C&PID_520F#0.01)";
-static_assert(kBrokenPathPrefix.size() == 30);
-
-constexpr uint16_t kMakerVendorId = 0x7A5C;
-constexpr uint16_t kFirstGoodCdcFirmware = 0x0204;
-
-bool isCdcRuleProduct(uint16_t product)
+// The section is stored under the device's id, so a device object without
+// one is refused before anything is written, with the JSON library's error.
+uint64_t idOf(const json& device)
 {
-    return product == 0x9100 || product == 0x520F;
+    const auto id = device.find("id");
+    if (id == device.end()) {
+        throw json::type_error::create(
+            305, fmt::format("cannot use operator[] with a string argument with {}", device.type_name()), &device);
+    }
+    return id->get<uint64_t>();
 }
 
 void markBroken(json& device, const PluginApi::DeviceChanged& changed)
 {
+    const auto id = idOf(device);
     Log::warn("This Trekkit firmware is broken on Windows.");
     device["broken"] = json{{"description", BrokenPlugin::kDescription}, {"url", BrokenPlugin::kUrl}};
     device["traits"]["broken"] = true;
-    changed(device["id"].get<uint64_t>());
+    changed(id);
 }
 
 void checkCdcFirmware(const json& usb_device)
 {
     const auto manufacturer = usb_device.find("manufacturer");
     if (manufacturer == usb_device.end() || manufacturer->is_null() ||
-        manufacturer->get<std::string>() != "Kelvane Semiconductor") {
+        manufacturer->get<std::string>() != KnownKits::kMakerManufacturer) {
         return;
     }
     const auto& descriptor = usb_device.at("descriptor");
-    if (descriptor.at("idVendor").get<uint16_t>() != kMakerVendorId ||
-        !isCdcRuleProduct(descriptor.at("idProduct").get<uint16_t>())) {
+    if (!KnownKits::hasCdcFirmwareRule(descriptor.at("idVendor").get<uint16_t>(),
+                                       descriptor.at("idProduct").get<uint16_t>())) {
         return;
     }
     // Reported only: the device still works once the user updates it.
-    if (descriptor.at("bcdDevice").get<uint16_t>() >= kFirstGoodCdcFirmware) {
+    if (descriptor.at("bcdDevice").get<uint16_t>() >= KnownKits::kFirstGoodCdcFirmware) {
         Log::info("The firmware on this Trekkit has no known USB CDC bugs.");
     } else {
         Log::warn("The firmware on this device has a bug related to DTR/RTS and setting of baud rate. Upgrade the "
@@ -65,11 +69,7 @@ std::vector<std::string> BrokenPlugin::getTraits() const
 void BrokenPlugin::enumerate(json& document, const DeviceChanged& changed, const DeviceFound&)
 {
     Log::debug("BrokenPlugin::enumerate");
-    auto& devices = document.at("devices");
-    if (!devices.is_array()) {
-        (void)devices.get<json::array_t>(); // the JSON library's own "type must be array" error
-    }
-    for (auto& device : devices) {
+    for (auto& device : devicesOf(document)) {
         const auto usb = device.find("usb");
         if (usb == device.end() || !usb->is_object()) {
             continue;
@@ -79,9 +79,7 @@ void BrokenPlugin::enumerate(json& document, const DeviceChanged& changed, const
             continue;
         }
         if (const auto path = usb_device->find("osDevicePath"); path != usb_device->end()) {
-            const auto text = path->get<std::string>();
-            if (text.compare(0, kBrokenPathPrefix.size(), kBrokenPathPrefix) == 0 &&
-                text.size() >= kBrokenPathPrefix.size()) {
+            if (KnownKits::isBrokenFirmwarePath(path->get<std::string>())) {
                 markBroken(device, changed);
             }
         }

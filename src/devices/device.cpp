@@ -1,30 +1,11 @@
 #include "devices/device.hpp"
 
+#include "core/json_fields.hpp"
+
 namespace HALYX {
 namespace {
 
 using nlohmann::json;
-
-json stringOrNull(const std::optional<std::string>& value)
-{
-    return value ? json(*value) : json(nullptr);
-}
-
-void putIfKnown(json& object, const char* key, const std::optional<std::string>& value)
-{
-    if (value) {
-        object[key] = *value;
-    }
-}
-
-std::optional<std::string> optionalString(const json& object, const char* key)
-{
-    const auto it = object.find(key);
-    if (it == object.end() || !it->is_string()) {
-        return std::nullopt;
-    }
-    return it->get<std::string>();
-}
 
 // Keys the record holds in fields of its own rather than as sections.
 bool isRecordKey(const std::string& key)
@@ -34,22 +15,22 @@ bool isRecordKey(const std::string& key)
 
 } // namespace
 
-json SerialPort::toJson() const
+json serialPortToJson(const SerialPort& port)
 {
-    json port{
-        {"serialNumber", stringOrNull(serialNumber)},
-        {"comName", stringOrNull(comName)},
-        {"manufacturer", stringOrNull(manufacturer)},
-        {"vcom", vcom},
+    json out{
+        {"serialNumber", stringOrNull(port.serialNumber)},
+        {"comName", stringOrNull(port.comName)},
+        {"manufacturer", stringOrNull(port.manufacturer)},
+        {"vcom", port.vcom},
     };
-    putIfKnown(port, "productId", productId);
-    putIfKnown(port, "vendorId", vendorId);
-    putIfKnown(port, "usbIdentifier", usbIdentifier);
-    putIfKnown(port, "path", path ? path : comName);
-    return port;
+    putIfKnown(out, "productId", port.productId);
+    putIfKnown(out, "vendorId", port.vendorId);
+    putIfKnown(out, "usbIdentifier", port.usbIdentifier);
+    putIfKnown(out, "path", port.path ? port.path : port.comName);
+    return out;
 }
 
-SerialPort SerialPort::fromJson(const json& port)
+SerialPort serialPortFromJson(const json& port)
 {
     SerialPort result;
     result.comName = optionalString(port, "comName");
@@ -89,7 +70,7 @@ json Device::toJson() const
     if (!serialPorts.empty()) {
         auto& ports = device["serialPorts"] = json::array();
         for (const auto& port : serialPorts) {
-            ports.push_back(port.toJson());
+            ports.push_back(serialPortToJson(port));
         }
     }
     for (const auto& [name, text] : sections) {
@@ -115,7 +96,7 @@ void Device::updateFromJson(const json& device)
     if (const auto ports = device.find("serialPorts"); ports != device.end() && ports->is_array()) {
         serialPorts.clear();
         for (const auto& port : *ports) {
-            serialPorts.push_back(SerialPort::fromJson(port));
+            serialPorts.push_back(serialPortFromJson(port));
         }
     }
     for (const auto& [key, value] : device.items()) {
@@ -132,6 +113,25 @@ json toDocument(const std::vector<Device>& devices)
         list.push_back(device.toJson());
     }
     return json{{"devices", std::move(list)}};
+}
+
+bool hasTrueTrait(const nlohmann::json& device, const std::string& trait)
+{
+    const auto traits = device.find("traits");
+    if (traits == device.end() || !traits->is_object()) {
+        return false;
+    }
+    const auto value = traits->find(trait);
+    return value != traits->end() && value->is_boolean() && value->get<bool>();
+}
+
+json& devicesOf(json& document)
+{
+    auto& devices = document.at("devices");
+    if (!devices.is_array()) {
+        (void)devices.get<json::array_t>(); // throws the library's "type must be array" error
+    }
+    return devices;
 }
 
 } // namespace HALYX

@@ -8,24 +8,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/serial_port.hpp"
+
 namespace HALYX {
-
-// One serial port of a device, as the serial-port lister finds it.
-struct SerialPort {
-    std::optional<std::string> comName;
-    std::optional<std::string> manufacturer;
-    std::optional<std::string> serialNumber;
-    std::optional<std::string> vendorId;
-    std::optional<std::string> productId;
-    std::optional<std::string> usbIdentifier;
-    std::optional<std::string> path;
-    uint32_t vcom = 0;
-
-    // "path" falls back to the COM name; "serialNumber", "comName" and
-    // "manufacturer" are null when unknown; the rest only when known.
-    nlohmann::json toJson() const;
-    static SerialPort fromJson(const nlohmann::json& port);
-};
 
 using Traits = std::map<std::string, bool>;
 
@@ -58,6 +43,19 @@ public:
     // "usbIdentifier" is taken when present.
     void updateFromJson(const nlohmann::json& device);
 };
+
+// A serial port as the device document writes it: "path" falls back to the
+// COM name; "serialNumber", "comName" and "manufacturer" are null when
+// unknown; the rest only when known.
+nlohmann::json serialPortToJson(const SerialPort& port);
+SerialPort serialPortFromJson(const nlohmann::json& port);
+
+// True when the device document's "traits" holds this name set to true.
+bool hasTrueTrait(const nlohmann::json& device, const std::string& trait);
+
+// The "devices" array of an enumeration document; anything else raises the
+// JSON library's own type error ("type must be array, but is ...").
+nlohmann::json& devicesOf(nlohmann::json& document);
 
 // {"devices": [...]} in the given order.
 nlohmann::json toDocument(const std::vector<Device>& devices);

@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <map>
 #include <set>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include "core/context.hpp"
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
+#include "core/timeouts.hpp"
 
 namespace HALYX {
 namespace {
@@ -22,18 +21,31 @@ namespace {
 
 DeviceLister::DeviceLister(halyx_context* owner, std::unique_ptr<AsyncLister> lister,
                            std::vector<std::shared_ptr<PluginApi>> plugins)
-    : events_(owner), lister_(std::move(lister)), plugins_(std::move(plugins)), timeouts_(kDefaultTimeouts)
+    : events_(owner),
+      lister_(std::move(lister)),
+      plugin_pass_(std::move(plugins)),
+      router_(lister_.get()),
+      enumerate_ms_(kDefaultTimeouts.enumerate_ms)
 {
+    for (const auto& plugin : plugin_pass_.plugins()) {
+        own_plugins_.push_back(follow(plugin));
+    }
 }
 
 DeviceLister::~DeviceLister()
 {
-    stopEvents();
-    // An enumeration still running must not outlive the pools it writes to.
-    std::lock_guard lock(task_mutex_);
-    if (enumerate_task_.valid()) {
-        enumerate_task_.wait();
+    try {
+        router_.stop();
+    } catch (const std::exception& e) {
+        Log::exception(spdlog::level::err, e, "DeviceLister: hot-plug notices did not stop:");
     }
+}
+
+PluginFollowers::Ticket DeviceLister::follow(const std::shared_ptr<PluginApi>& plugin)
+{
+    // What a plugin reports is an arrival like any other.
+    plugin->setEventCallback([this](const event_object& finding) { onArrival(finding); });
+    return followers_.follow(plugin);
 }
 
 void DeviceLister::configure(const ConfigurationMap& configuration)
@@ -42,22 +54,48 @@ void DeviceLister::configure(const ConfigurationMap& configuration)
     if (entry == configuration.end()) {
         return;
     }
+    // Read the whole entry before any plugin is touched.
+    std::vector<std::pair<std::shared_ptr<PluginApi>, std::string>> changes;
     for (const auto& element : entry->second.get<nlohmann::json::array_t>()) {
         const auto name = element.at("name").get<std::string>();
-        for (const auto& plugin : plugins_) {
-            if (plugin->getName() != name) {
-                continue;
-            }
-            const auto parameters = element.find("init_parameters");
-            plugin->setInitParameters(parameters != element.end() ? parameters->dump() : std::string("null"));
+        const auto parameters = element.find("init_parameters");
+        if (parameters == element.end()) {
+            continue;
         }
+        for (const auto& plugin : plugin_pass_.plugins()) {
+            if (plugin->getName() == name) {
+                changes.emplace_back(plugin, parameters->dump());
+            }
+        }
+    }
+
+    std::lock_guard lock(settings_mutex_);
+    std::vector<std::pair<std::shared_ptr<PluginApi>, std::string>> applied;
+    try {
+        for (const auto& [plugin, parameters] : changes) {
+            const auto earlier = applied_settings_.find(plugin.get());
+            auto before = earlier != applied_settings_.end() ? earlier->second : std::string("null");
+            plugin->setInitParameters(parameters);
+            applied_settings_[plugin.get()] = parameters;
+            applied.emplace_back(plugin, std::move(before));
+        }
+    } catch (...) {
+        for (auto it = applied.rbegin(); it != applied.rend(); ++it) {
+            try {
+                it->first->setInitParameters(it->second);
+                applied_settings_[it->first.get()] = it->second;
+            } catch (const std::exception& e) {
+                Log::exception(spdlog::level::err, e,
+                               fmt::format("Plugin {} did not take back its earlier settings:", it->first->getName()));
+            }
+        }
+        throw;
     }
 }
 
 void DeviceLister::setTimeouts(const halyx_timeout_configuration_t& timeouts)
 {
-    std::lock_guard lock(timeouts_mutex_);
-    timeouts_ = timeouts;
+    enumerate_ms_ = timeouts.enumerate_ms;
     if (lister_) {
         lister_->setTimeouts(timeouts);
     }
@@ -68,67 +106,20 @@ halyx_device_list_t* DeviceLister::enumerate()
     if (!Log::logger()) {
         throw HALYXException(HALYX_ERR_LOGGER, "Unable to get logger object when enumerating.");
     }
-    {
-        std::lock_guard lock(list_mutex_);
+    const auto alreadyOut = [this] {
         if (current_list_) {
             throw HALYXException(HALYX_ERR_LOGGER, "Device list already exists and must be freed before enumerate.");
         }
-    }
-
-    std::shared_future<std::vector<Device>> task;
+    };
     {
-        std::lock_guard lock(task_mutex_);
-        if (enumerate_started_) {
-            Log::debug("DeviceLister::enumerate: Checking future_status of enumerate_task_status");
-            if (!enumerate_task_.valid()) {
-                throw HALYXException(HALYX_ERR_INVALID_STATE, "Unable to validate enumerate task.");
-            }
-            if (enumerate_task_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-                Log::debug("DeviceLister::enumerate: Statis is not std::future_status::ready");
-                throw HALYXException(HALYX_ERR_TIMEOUT, "Previous enumerate task still running.");
-            }
-            Log::debug("DeviceLister::enumerate: Waiting for resolving of enumerate_task");
-            try {
-                (void)enumerate_task_.get();
-            } catch (const std::exception& e) {
-                // Its caller already timed out; a fresh enumeration follows.
-                Log::exception(spdlog::level::warn, e, "DeviceLister::enumerate: earlier enumeration failed:");
-            }
-        }
-        enumerate_task_ = std::async(std::launch::async, [this] { return runEnumeration(); }).share();
-        enumerate_started_ = true;
-        task = enumerate_task_;
+        std::lock_guard lock(list_mutex_);
+        alreadyOut();
     }
-
-    uint32_t limit_ms = 0;
-    {
-        std::lock_guard lock(timeouts_mutex_);
-        limit_ms = timeouts_.enumerate_ms;
-    }
-    Log::debug("DeviceLister::enumerate: Waiting for enumerate task to complete");
-    const auto status = task.wait_for(std::chrono::milliseconds(limit_ms));
-    Log::debug("DeviceLister::enumerate: Completed waiting for enumerate task");
-    if (status == std::future_status::timeout) {
-        Log::debug("DeviceLister::enumerate: waiting timed out");
-        throw HALYXException(HALYX_ERR_TIMEOUT, "Enumerate task timed out. Enumeration still running.");
-    }
-    if (status == std::future_status::deferred) {
-        Log::debug("DeviceLister::enumerate: the future is deferred");
-        throw HALYXException(HALYX_ERR_INVALID_STATE, "Fatal error. Enumerate task is in an illegal state.");
-    }
-
-    if (!task.valid()) {
-        Log::debug("DeviceLister::enumerate: enumerate_task is not valid (does not have a valid state)");
-        throw HALYXException(HALYX_ERR_INVALID_STATE, "Fatal error. Enumerate task is in an illegal state.");
-    }
-    const auto& devices = task.get();
-    Log::debug("DeviceLister::enumerate: done");
-
+    const auto devices =
+        enumeration_.run([this] { return runEnumeration(); }, std::chrono::milliseconds(enumerate_ms_.load()));
     auto list = std::make_unique<DeviceListView>(devices);
     std::lock_guard lock(list_mutex_);
-    if (current_list_) {
-        throw HALYXException(HALYX_ERR_LOGGER, "Device list already exists and must be freed before enumerate.");
-    }
+    alreadyOut();
     current_list_ = std::move(list);
     return current_list_->get();
 }
@@ -139,14 +130,19 @@ std::vector<Device> DeviceLister::runEnumeration()
     // While hot-plug notices run they keep a non-empty pool current; without
     // them the host is listed afresh every time.
     const bool empty = pool_.empty();
-    if (empty || !events_running_) {
+    if (empty || !router_.running()) {
         if (empty) {
             Log::debug("DeviceLister::enumerate::enumerate_task: Device_pool is empty");
         }
         Log::debug("DeviceLister::enumerate::enumerate_task: Before async_lister->enumarate");
-        refreshFromListers();
+        if (lister_) {
+            pool_.replaceAll(lister_->enumerate());
+        } else {
+            Log::warn("DeviceLister: this host has no USB lister yet; only plugins can report devices");
+            pool_.replaceAll({});
+        }
         Log::debug("DeviceLister::enumerate::enumerate_task: After async_lister->enumarate");
-        runPluginPass(pool_.ids());
+        describe(pool_.ids());
     }
 
     const auto snapshot = pool_.snapshot();
@@ -154,7 +150,7 @@ std::vector<Device> DeviceLister::runEnumeration()
     std::vector<Device> listed;
     for (const auto& device : snapshot) {
         Log::debug("DeviceLister::enumerate: Found device with serial number: {}", device.serialNumber.value_or(""));
-        if (passesFilter(device)) {
+        if (filter_.passes(device)) {
             listed.push_back(device);
             Log::debug("DeviceLister::enumerate: device registered to device list");
         }
@@ -162,56 +158,19 @@ std::vector<Device> DeviceLister::runEnumeration()
     return listed;
 }
 
-void DeviceLister::refreshFromListers()
+std::vector<uint64_t> DeviceLister::describe(const std::vector<uint64_t>& ids)
 {
-    if (!lister_) {
-        Log::warn("DeviceLister: this host has no USB lister yet; only plugins can report devices");
-        pool_.replaceAll({});
-        return;
-    }
-    pool_.replaceAll(lister_->enumerate());
-}
-
-std::vector<uint64_t> DeviceLister::runPluginPass(const std::vector<uint64_t>& ids)
-{
-    std::lock_guard pass(plugin_pass_mutex_);
-
-    Traits known;
-    for (const auto& plugin : plugins_) {
-        for (const auto& trait : plugin->getTraits()) {
-            known.emplace(trait, false);
+    std::vector<uint64_t> changed;
+    if (lister_) {
+        for (const auto& finding : lister_->describe(*this, ids)) {
+            changed.push_back(pool_.merge(finding).id);
         }
     }
-
-    auto document = toDocument(pool_.snapshot(ids));
-    std::vector<uint64_t> changed;
-    std::vector<event_object> found;
-    const PluginApi::DeviceChanged on_changed = [&changed](uint64_t id) { changed.push_back(id); };
-    const PluginApi::DeviceFound on_found = [&found](const event_object& finding) { found.push_back(finding); };
-    for (const auto& plugin : plugins_) {
-        plugin->enumerate(document, on_changed, on_found);
-    }
-
-    for (const auto& device : document.at("devices")) {
-        pool_.update(device);
-    }
-    for (const auto& finding : found) {
-        changed.push_back(pool_.merge(finding).id);
-    }
-    pool_.mergeTraitsIntoAll(known);
+    const auto decorated = plugin_pass_.run(pool_, ids);
+    changed.insert(changed.end(), decorated.begin(), decorated.end());
+    std::sort(changed.begin(), changed.end());
+    changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
     return changed;
-}
-
-bool DeviceLister::passesFilter(const Device& device) const
-{
-    std::lock_guard lock(filter_mutex_);
-    if (filter_.empty()) {
-        return true;
-    }
-    return std::any_of(filter_.begin(), filter_.end(), [&](const std::string& trait) {
-        const auto it = device.traits.find(trait);
-        return it != device.traits.end() && it->second;
-    });
 }
 
 void DeviceLister::warnAboutDuplicateComNames(const std::vector<Device>& devices) const
@@ -264,6 +223,33 @@ std::string DeviceLister::deviceJson(uint64_t id) const
     return device->toJson().dump();
 }
 
+std::optional<nlohmann::json> DeviceLister::document(uint64_t id) const
+{
+    const auto device = pool_.get(id);
+    if (!device) {
+        return std::nullopt;
+    }
+    return device->toJson();
+}
+
+bool DeviceLister::controlTransfer(uint64_t id, const DfuTriggerTransfer& transfer, std::vector<uint8_t>& buffer)
+{
+    const auto device = pool_.get(id);
+    if (!device || !device->usbIdentifier) {
+        throw HALYXException(HALYX_ERR_NOT_FOUND, fmt::format("Device with ID={} is not connected.", id));
+    }
+    try {
+        if (!lister_) {
+            throw HALYXException(HALYX_ERR_NOT_SUPPORTED, "this host has no USB lister");
+        }
+        return lister_->dfuTriggerTransfer(*device->usbIdentifier, transfer, buffer);
+    } catch (const std::exception& e) {
+        Log::exception(spdlog::level::debug, e, fmt::format("DeviceLister: control transfer to device {}:", id));
+        throw HALYXException(HALYX_ERR_GENERAL, "Unable to send control transfer to USB device. Check that correct "
+                                                "drivers are installed for the device.");
+    }
+}
+
 Device DeviceLister::findDevice(const nlohmann::json& device) const
 {
     const auto serial_number = device.find("serialNumber");
@@ -279,14 +265,12 @@ Device DeviceLister::findDevice(const nlohmann::json& device) const
 
 void DeviceLister::setFilter(std::vector<std::string> traits)
 {
-    std::lock_guard lock(filter_mutex_);
-    filter_ = std::move(traits);
+    filter_.set(std::move(traits));
 }
 
 void DeviceLister::resetFilter()
 {
-    std::lock_guard lock(filter_mutex_);
-    filter_.clear();
+    filter_.reset();
 }
 
 void DeviceLister::registerDeviceEvent(halyx_device_event_callback_t callback, void* user_data)
@@ -303,65 +287,39 @@ void DeviceLister::unregisterDeviceEvent()
 
 void DeviceLister::startEvents()
 {
-    std::lock_guard lock(events_mutex_);
-    if (!lister_) {
-        throw HALYXException(HALYX_ERR_NOT_SUPPORTED,
-                             "Hot-plug events are not available: this build has no USB lister for this host.");
-    }
-    if (events_running_) {
-        return;
-    }
-    lister_->start([this](const event_object& finding, ArrivalType type) { onArrival(finding, type); },
-                   [this](const event_object& finding) { onRemoval(finding); });
-    events_running_ = true;
+    router_.start([this](const event_object& finding, ArrivalType) { onArrival(finding); },
+                  [this](const event_object& finding) { onRemoval(finding); });
 }
 
 void DeviceLister::stopEvents()
 {
-    std::lock_guard lock(events_mutex_);
-    if (!events_running_) {
-        return;
-    }
-    lister_->stop();
-    events_running_ = false;
+    router_.stop();
 }
 
 void DeviceLister::shutDown()
 {
-    {
-        std::lock_guard lock(task_mutex_);
-        if (enumerate_started_) {
-            if (!enumerate_task_.valid()) {
-                throw HALYXException(HALYX_ERR_INVALID_STATE, "Fatal error. Enumerate task is in an illegal state.");
-            }
-            if (enumerate_task_.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
-                throw HALYXException(HALYX_ERR_TIMEOUT, "Unable to shut down. Enumeration is still running.");
-            }
-        }
-    }
-    stopEvents();
+    enumeration_.requireIdle();
+    router_.stop();
 }
 
-void DeviceLister::onArrival(const event_object& finding, ArrivalType)
+void DeviceLister::announce(uint64_t id, halyx_device_event_type_t type)
+{
+    if (const auto device = pool_.get(id)) {
+        followers_.tell(*device, type);
+        events_.emit(type, id, &*device);
+    }
+}
+
+void DeviceLister::onArrival(const event_object& finding)
 {
     try {
         const auto [id, added] = pool_.merge(finding);
-        auto changed = runPluginPass({id});
-        if (const auto device = pool_.get(id)) {
-            const auto type = added ? HALYX_DEVICE_EVENT_ARRIVED : HALYX_DEVICE_EVENT_UPDATED;
-            notifyPlugins(*device, type);
-            events_.emit(type, id, &*device);
-        }
-        // A plugin may have touched other devices while looking at this one.
-        std::sort(changed.begin(), changed.end());
-        changed.erase(std::unique(changed.begin(), changed.end()), changed.end());
+        const auto changed = describe({id});
+        announce(id, added ? HALYX_DEVICE_EVENT_ARRIVED : HALYX_DEVICE_EVENT_UPDATED);
+        // The lister or a plugin may have touched other devices while looking at this one.
         for (const auto other : changed) {
-            if (other == id) {
-                continue;
-            }
-            if (const auto device = pool_.get(other)) {
-                notifyPlugins(*device, HALYX_DEVICE_EVENT_UPDATED);
-                events_.emit(HALYX_DEVICE_EVENT_UPDATED, other, &*device);
+            if (other != id) {
+                announce(other, HALYX_DEVICE_EVENT_UPDATED);
             }
         }
     } catch (const HALYXException& e) {
@@ -383,20 +341,12 @@ void DeviceLister::onRemoval(const event_object& finding)
                       finding.serialNumber.value_or(""), pool_.ids());
             return;
         }
-        notifyPlugins(*removed, HALYX_DEVICE_EVENT_LEFT);
+        followers_.tell(*removed, HALYX_DEVICE_EVENT_LEFT);
         events_.emit(HALYX_DEVICE_EVENT_LEFT, removed->id, nullptr);
     } catch (const HALYXException& e) {
         Log::exception(spdlog::level::err, e, HALYX_SOURCE_PREFIX + "Failed to process device left event");
     } catch (...) {
         Log::error("{} failed to process left event unknown error occured", HALYX_SOURCE_PREFIX);
-    }
-}
-
-void DeviceLister::notifyPlugins(const Device& device, halyx_device_event_type_t type)
-{
-    const auto text = device.toJson().dump();
-    for (const auto& plugin : plugins_) {
-        plugin->onDeviceEvent(text, static_cast<uint32_t>(type), std::string());
     }
 }
 

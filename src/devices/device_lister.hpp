@@ -1,7 +1,7 @@
 #pragma once
 
 #include <atomic>
-#include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -9,35 +9,44 @@
 
 #include "core/configuration.hpp"
 #include "devices/copy_pool.hpp"
+#include "devices/device_access.hpp"
 #include "devices/device_event_sink.hpp"
+#include "devices/device_filter.hpp"
 #include "devices/device_pool.hpp"
 #include "devices/device_view.hpp"
+#include "devices/enumeration_task.hpp"
+#include "devices/hot_plug_router.hpp"
 #include "devices/lister.hpp"
 #include "devices/plugin_api.hpp"
+#include "devices/plugin_followers.hpp"
+#include "devices/plugin_pass.hpp"
 #include "halyx.h"
 
 namespace HALYX {
 
-// Knows which devices are attached to the host: runs enumeration as a
-// bounded background task, merges the listers' findings into one record per
-// device, lets the plugins decorate them, filters, hands out copies, and
-// turns hot-plug notices into device events.
+// Knows which devices are attached to the host: lists them in a bounded
+// background task, merges the listers' findings into one record per device,
+// lets the plugins decorate them, filters, hands out copies, and turns
+// hot-plug notices into device events. Each of those is a part of its own;
+// this class wires them.
 //
-// Threads: the caller's threads; the enumeration task (std::async, one at a
-// time); the async lister's notification thread, which calls onArrival and
-// onRemoval. Locks: task_mutex_ guards the enumeration task's state (never
-// held while waiting for it); list_mutex_ the list handed out; filter_mutex_
-// the filter; timeouts_mutex_ the time limits; plugin_pass_mutex_ serialises
-// plugin passes; the pools and the event sink have their own. No two of the
-// pool mutexes are held at once, and none is held while calling out.
-class DeviceLister {
+// Threads: the caller's threads; the enumeration task; the host lister's
+// notification thread, which calls onArrival and onRemoval. Locks: the parts
+// keep their own (see each); here list_mutex_ guards the list handed out and
+// settings_mutex_ the plugin settings applied. No lock is held while calling
+// out to a plugin, a lister or the application.
+class DeviceLister final : public DeviceAccess {
 public:
     DeviceLister(halyx_context* owner, std::unique_ptr<AsyncLister> lister,
                  std::vector<std::shared_ptr<PluginApi>> plugins);
-    ~DeviceLister();
+    ~DeviceLister() override;
     DeviceLister(const DeviceLister&) = delete;
     DeviceLister& operator=(const DeviceLister&) = delete;
 
+    // Hands each plugin named in "device_lister" its "init_parameters"; an
+    // element without them leaves that plugin as it is. All or nothing: when
+    // a plugin refuses its parameters, the ones already handed theirs in this
+    // call get their earlier ones back.
     void configure(const ConfigurationMap& configuration);
     void setTimeouts(const halyx_timeout_configuration_t& timeouts);
 
@@ -66,42 +75,44 @@ public:
     // Refuses (12) while an enumeration runs; stops hot-plug notices.
     void shutDown();
 
+    // An operation's plugin instance follows device events while it runs,
+    // and may report devices of its own.
+    PluginFollowers::Ticket follow(const std::shared_ptr<PluginApi>& plugin);
+
+    // DeviceAccess
+    std::optional<nlohmann::json> document(uint64_t id) const override;
+    bool controlTransfer(uint64_t id, const DfuTriggerTransfer& transfer, std::vector<uint8_t>& buffer) override;
+
 private:
     std::vector<Device> runEnumeration();
-    void refreshFromListers();
-    std::vector<uint64_t> runPluginPass(const std::vector<uint64_t>& ids);
-    bool passesFilter(const Device& device) const;
+    // Lets the lister and the plugins describe these pooled devices; the ids
+    // that changed besides.
+    std::vector<uint64_t> describe(const std::vector<uint64_t>& ids);
     void warnAboutDuplicateComNames(const std::vector<Device>& devices) const;
 
-    void onArrival(const event_object& finding, ArrivalType type);
+    void onArrival(const event_object& finding);
     void onRemoval(const event_object& finding);
-    void notifyPlugins(const Device& device, halyx_device_event_type_t type);
+    void announce(uint64_t id, halyx_device_event_type_t type);
 
     DevicePool pool_;
     CopyPool copies_;
     DeviceEventSink events_;
+    DeviceFilter filter_;
     const std::unique_ptr<AsyncLister> lister_;
-    const std::vector<std::shared_ptr<PluginApi>> plugins_;
+    PluginPass plugin_pass_;
+    PluginFollowers followers_;
+    std::vector<PluginFollowers::Ticket> own_plugins_;
+    HotPlugRouter router_;
+    std::atomic<uint32_t> enumerate_ms_;
 
     std::mutex list_mutex_;
     std::unique_ptr<DeviceListView> current_list_;
 
-    std::mutex task_mutex_;
-    // Shared so every caller waits on its own copy while another may already
-    // start the next enumeration.
-    std::shared_future<std::vector<Device>> enumerate_task_;
-    bool enumerate_started_ = false;
+    std::mutex settings_mutex_;
+    std::map<const PluginApi*, std::string> applied_settings_;
 
-    mutable std::mutex filter_mutex_;
-    std::vector<std::string> filter_;
-
-    std::mutex timeouts_mutex_;
-    halyx_timeout_configuration_t timeouts_;
-
-    std::mutex plugin_pass_mutex_;
-
-    std::mutex events_mutex_; // start/stop of hot-plug notices
-    std::atomic<bool> events_running_{false};
+    // Last: a running enumeration uses everything above, and is waited for first.
+    EnumerationTask enumeration_;
 };
 
 } // namespace HALYX

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "devices/device.hpp"
+#include "devices/device_access.hpp"
 #include "halyx.h"
 
 namespace HALYX {
@@ -41,6 +42,17 @@ public:
     // The context's time limits (the settle time bounds the wait for an
     // arriving device's serial ports).
     virtual void setTimeouts(const halyx_timeout_configuration_t&) {}
+
+    // What can only be learnt once the devices are pooled under their ids
+    // (the USB lister asks the maker's devices through `devices`), as
+    // findings to merge. Called after every merge with the ids merged.
+    virtual std::vector<event_object> describe(DeviceAccess& devices, const std::vector<uint64_t>& ids);
+
+    // A class request to the DFU-trigger interface of the USB device with
+    // this identifier (see DeviceAccess::controlTransfer); throws
+    // HALYXException when it cannot be sent.
+    virtual bool dfuTriggerTransfer(const std::string& usb_identifier, const DfuTriggerTransfer& transfer,
+                                    std::vector<uint8_t>& buffer);
 };
 
 } // namespace HALYX

@@ -1,13 +1,28 @@
 #include "devices/operation.hpp"
 
+#include <fmt/format.h>
+
 #include "core/halyx_exception.hpp"
 
 namespace HALYX {
 
 Operation::Operation(const ASYNC::operation_call_wrapper_t& task, OperationOptions options,
-                     std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks)
-    : task_(task), options_(std::move(options)), mcu_end_state_(mcu_end_state), callbacks_(callbacks)
+                     std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks, Environment environment)
+    : task_(task),
+      options_(std::move(options)),
+      mcu_end_state_(mcu_end_state),
+      callbacks_(callbacks),
+      environment_(environment)
 {
+}
+
+DeviceAccess& Operation::devices() const
+{
+    if (environment_.devices == nullptr) {
+        throw HALYXException(HALYX_ERR_NOT_SUPPORTED, fmt::format("{}: no devices can be reached from here",
+                                                                  options_.operation));
+    }
+    return *environment_.devices;
 }
 
 void Operation::throwIfCancelled() const

@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "core/async_task.hpp"
+#include "core/timeouts.hpp"
+#include "devices/device_access.hpp"
 #include "halyx.h"
 
 namespace HALYX {
@@ -19,8 +21,9 @@ struct OperationOptions {
 };
 
 // A running operation as a plugin sees it: its task (id, cancellation), the
-// caller's selections and the callbacks that report progress and data.
-// Lives on the task's worker for the duration of one plugin call.
+// caller's selections, the context's time limits, the devices it may reach
+// by id, and the callbacks that report progress and data. Lives on the
+// task's worker for the duration of one plugin call.
 class Operation {
 public:
     struct Callbacks {
@@ -30,14 +33,22 @@ public:
         void* user_data = nullptr;
     };
 
+    struct Environment {
+        halyx_timeout_configuration_t timeouts = kDefaultTimeouts;
+        DeviceAccess* devices = nullptr;
+    };
+
     Operation(const ASYNC::operation_call_wrapper_t& task, OperationOptions options,
-              std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks);
+              std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks, Environment environment);
 
     halyx_context* context() const { return callbacks_.context; }
     uint64_t taskId() const { return task_.id(); }
     const std::string& name() const { return options_.operation; }
     const std::optional<uint32_t>& core() const { return options_.core; }
     const std::optional<halyx_mcu_state_t>& mcuEndState() const { return mcu_end_state_; }
+    const halyx_timeout_configuration_t& timeouts() const { return environment_.timeouts; }
+    // Throws 19 when the operation runs without a device lister.
+    DeviceAccess& devices() const;
 
     // Plugins call this between their steps; a cancelled operation ends with
     // code 1 "Operation cancelled.".
@@ -58,6 +69,7 @@ private:
     OperationOptions options_;
     std::optional<halyx_mcu_state_t> mcu_end_state_;
     Callbacks callbacks_;
+    Environment environment_;
 };
 
 } // namespace HALYX

@@ -106,14 +106,4 @@ void PluginApi::setLogger(std::shared_ptr<spdlog::logger> logger)
 
 void PluginApi::setInitParameters(const std::string&) {}
 
-bool hasTrueTrait(const nlohmann::json& device, const std::string& trait)
-{
-    const auto traits = device.find("traits");
-    if (traits == device.end() || !traits->is_object()) {
-        return false;
-    }
-    const auto value = traits->find(trait);
-    return value != traits->end() && value->is_boolean() && value->get<bool>();
-}
-
 } // namespace HALYX

@@ -71,7 +71,4 @@ protected:
     std::shared_ptr<spdlog::logger> logger_;
 };
 
-// True when the device document's "traits" holds this name set to true.
-bool hasTrueTrait(const nlohmann::json& device, const std::string& trait);
-
 } // namespace HALYX

@@ -2,10 +2,6 @@
 
 #include <algorithm>
 
-#include "devices/broken_plugin.hpp"
-#include "devices/serial_port_lister.hpp"
-#include "platform/host.hpp"
-#include "mcuboot/mcuboot_plugin.hpp"
 
 namespace HALYX {
 namespace {
@@ -26,6 +22,11 @@ PluginRegistry::PluginRegistry(const std::vector<Factory>& factories)
             plugins_.push_back(std::move(plugin));
         }
     }
+}
+
+bool PluginRegistry::contains(const PluginApi* plugin) const
+{
+    return std::any_of(plugins_.begin(), plugins_.end(), [plugin](const auto& own) { return own.get() == plugin; });
 }
 
 std::vector<std::string> PluginRegistry::names() const
@@ -77,17 +78,6 @@ std::shared_ptr<PluginApi> PluginRegistry::select(const std::string& device_json
         return instance;
     }
     return chosen;
-}
-
-std::vector<PluginRegistry::Factory> builtinPluginFactories()
-{
-    // The host's plugins (serial ports, probes, bootloaders) register here as
-    // they are built.
-    return {
-        [] { return std::make_unique<SerialPortLister>(makeHostSerialPortListerHW()); },
-        [] { return std::make_unique<BrokenPlugin>(); },
-        [] { return std::make_unique<MCUBOOT::McubootPlugin>(); },
-    };
 }
 
 } // namespace HALYX

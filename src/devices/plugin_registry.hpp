@@ -19,6 +19,9 @@ public:
 
     const std::vector<std::shared_ptr<PluginApi>>& plugins() const { return plugins_; }
 
+    // True for one of the registry's own plugins (not an instance made for an operation).
+    bool contains(const PluginApi* plugin) const;
+
     // Registration order, without repeats.
     std::vector<std::string> names() const;
     std::vector<std::string> traits() const;
@@ -32,8 +35,5 @@ public:
 private:
     std::vector<std::shared_ptr<PluginApi>> plugins_;
 };
-
-// The factories of the plugins built into this library for this host.
-std::vector<PluginRegistry::Factory> builtinPluginFactories();
 
 } // namespace HALYX

@@ -2,26 +2,13 @@
 
 #include <algorithm>
 
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 namespace HALYX {
 namespace {
 
 using nlohmann::json;
-
-const json& requireArray(const json& devices)
-{
-    if (!devices.is_array()) {
-        (void)devices.get<json::array_t>(); // the JSON library's own "type must be array" error
-    }
-    return devices;
-}
-
-std::optional<std::string> optionalString(const json& object, const char* key)
-{
-    const auto it = object.find(key);
-    return it != object.end() && it->is_string() ? std::optional(it->get<std::string>()) : std::nullopt;
-}
 
 void markBridge(SerialPort& port)
 {
@@ -49,8 +36,7 @@ std::vector<std::string> SerialPortLister::getTraits() const
 void SerialPortLister::enumerate(json& document, const DeviceChanged& changed, const DeviceFound& found)
 {
     Log::ScopeTimer timer("HALYX::SerialPortLister::enumerate");
-    auto& devices = document.at("devices");
-    requireArray(devices);
+    auto& devices = devicesOf(document);
 
     auto ports = hardware_->list();
     for (auto& port : ports) {
@@ -77,7 +63,7 @@ void SerialPortLister::enumerate(json& document, const DeviceChanged& changed, c
                          [](const SerialPort* a, const SerialPort* b) { return a->vcom < b->vcom; });
         json list = json::array();
         for (const auto* port : mine) {
-            list.push_back(port->toJson());
+            list.push_back(serialPortToJson(*port));
         }
         device["serialPorts"] = std::move(list);
         device["traits"]["serialPorts"] = true;
@@ -91,7 +77,7 @@ void SerialPortLister::enumerate(json& document, const DeviceChanged& changed, c
         }
         event_object finding;
         finding.sectionName = "serialPorts";
-        finding.sectionJson = json::array({port.toJson()}).dump();
+        finding.sectionJson = json::array({serialPortToJson(port)}).dump();
         finding.traits["serialPorts"] = true;
         found(finding);
     }

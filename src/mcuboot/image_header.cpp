@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "mcuboot/image_bytes.hpp"
+#include "core/byte_order.hpp"
 
 namespace HALYX::MCUBOOT {
 

@@ -7,10 +7,10 @@
 
 #include <fmt/format.h>
 
-#include "core/context.hpp"
 #include "core/firmware.hpp"
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
+#include "devices/known_kits.hpp"
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/keil_hex_file.hpp"
 #include "mcuboot/multi_image_file.hpp"
@@ -22,9 +22,6 @@ namespace HALYX::MCUBOOT {
 namespace {
 
 using nlohmann::json;
-
-constexpr uint32_t kMakerVendorId = 0x7A5C;
-constexpr uint32_t kCellularKitProductId = 0x520F;
 
 halyx_errorcode_t errorCodeFor(McuBootError error)
 {
@@ -64,20 +61,20 @@ bool endsWith(const std::string& text, const std::string& suffix)
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-// "7A5C", "0x7a5c" or a number.
-std::optional<uint32_t> usbId(const json& value)
+// A number, or text as the serial-port lister writes it.
+std::optional<uint16_t> usbId(const json& value)
 {
-    if (value.is_number_unsigned()) {
-        return value.get<uint32_t>();
+    if (value.is_number_unsigned() && value.get<uint64_t>() <= 0xFFFF) {
+        return value.get<uint16_t>();
     }
-    if (!value.is_string()) {
-        return std::nullopt;
-    }
-    try {
-        return static_cast<uint32_t>(std::stoul(value.get<std::string>(), nullptr, 16));
-    } catch (const std::exception&) {
-        return std::nullopt;
-    }
+    return value.is_string() ? KnownKits::parseUsbId(value.get<std::string>()) : std::nullopt;
+}
+
+bool isCellularKit(const json& vendor, const json& product)
+{
+    const auto v = usbId(vendor);
+    const auto p = usbId(product);
+    return v && p && KnownKits::isCellularKit(*v, *p);
 }
 
 bool isZipData(std::string_view bytes)
@@ -206,18 +203,16 @@ McubootPlugin::Identification McubootPlugin::identify(const json& device)
     if (usb != device.end() && usb->is_object()) {
         const auto& info = usb->value("device", json::object());
         const auto product = info.value("product", json());
-        if (product.is_string() && lowercase(product.get<std::string>()).find("mcuboot") != std::string::npos) {
+        if (product.is_string() && KnownKits::namesMcuboot(product.get<std::string>())) {
             found.mcuboot = true;
         }
         const auto& descriptor = info.value("descriptor", json::object());
-        if (usbId(descriptor.value("idVendor", json())) == kMakerVendorId &&
-            usbId(descriptor.value("idProduct", json())) == kCellularKitProductId) {
+        if (isCellularKit(descriptor.value("idVendor", json()), descriptor.value("idProduct", json()))) {
             found.mcuboot = found.modem = true;
         }
     }
     for (const auto& port : *ports) {
-        if (port.is_object() && usbId(port.value("vendorId", json())) == kMakerVendorId &&
-            usbId(port.value("productId", json())) == kCellularKitProductId) {
+        if (port.is_object() && isCellularKit(port.value("vendorId", json()), port.value("productId", json()))) {
             found.mcuboot = found.modem = true;
         }
     }
@@ -334,9 +329,7 @@ void McubootPlugin::program(const std::string& device_json, const halyx_firmware
 
     SmpClient::Options options;
     options.baudRate = plan.modem ? settings.modemBaudRate : settings.baudRate;
-    if (auto* context = operation.context()) {
-        options.responseTimeout = std::chrono::milliseconds(context->timeouts().response_ms);
-    }
+    options.responseTimeout = std::chrono::milliseconds(operation.timeouts().response_ms);
     options.cancelRequested = [&operation] { return operation.cancelRequested(); };
     SerialSettings serial{port, options.baudRate, 0, 0, 0, 8};
     SmpClient client(std::make_unique<SmpUartTransport>(serial), sequence_, options, progress);

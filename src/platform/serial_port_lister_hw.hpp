@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "devices/device.hpp"
+#include "platform/serial_port.hpp"
 
 namespace HALYX {
 

@@ -1,5 +1,7 @@
 #include "platform/usb_device.hpp"
 
+#include "core/byte_order.hpp"
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 namespace HALYX {
@@ -10,16 +12,6 @@ using nlohmann::json;
 constexpr uint8_t kConfigurationType = 0x02;
 constexpr uint8_t kInterfaceType = 0x04;
 constexpr uint8_t kEndpointType = 0x05;
-
-uint16_t le16(const uint8_t* p)
-{
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-
-json stringOrNull(const std::optional<std::string>& value)
-{
-    return value ? json(*value) : json(nullptr);
-}
 
 json toJson(const USBEndpointDescriptor& e)
 {
@@ -124,16 +116,17 @@ bool parseDeviceDescriptor(const uint8_t* data, size_t size, USBDeviceDescriptor
     if (size < 18) {
         return false;
     }
+    const std::span<const uint8_t> d(data, size);
     out.length = data[0];
     out.bDescriptorType = data[1];
-    out.bcdUSB = le16(data + 2);
+    out.bcdUSB = readLe16(d, 2);
     out.bDeviceClass = data[4];
     out.bDeviceSubClass = data[5];
     out.bDeviceProtocol = data[6];
     out.bMaxPacketSize0 = data[7];
-    out.idVendor = le16(data + 8);
-    out.idProduct = le16(data + 10);
-    out.bcdDevice = le16(data + 12);
+    out.idVendor = readLe16(d, 8);
+    out.idProduct = readLe16(d, 10);
+    out.bcdDevice = readLe16(d, 12);
     out.iManufacturer = data[14];
     out.iProduct = data[15];
     out.iSerialNumber = data[16];
@@ -154,12 +147,12 @@ std::vector<USBConfigurationDescriptor> walkConfigurationDescriptors(const uint8
                       length, size - offset);
             break;
         }
-        const uint8_t* d = data + offset;
+        const std::span<const uint8_t> d(data + offset, length);
         if (type == kConfigurationType && length >= 9) {
             USBConfigurationDescriptor c;
             c.length = length;
             c.bDescriptorType = type;
-            c.wTotalLength = le16(d + 2);
+            c.wTotalLength = readLe16(d, 2);
             c.bNumInterfaces = d[4];
             c.bConfigurationValue = d[5];
             c.iConfiguration = d[6];
@@ -193,7 +186,7 @@ std::vector<USBConfigurationDescriptor> walkConfigurationDescriptors(const uint8
                 e.bDescriptorType = type;
                 e.bEndpointAddress = d[2];
                 e.bmAttributes = d[3];
-                e.wMaxPacketSize = le16(d + 4);
+                e.wMaxPacketSize = readLe16(d, 4);
                 e.bInterval = d[6];
                 configurations.back().interfaces.back().endpoints.push_back(e);
             }

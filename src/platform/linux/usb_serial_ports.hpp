@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "devices/device.hpp"
+#include "platform/serial_port.hpp"
 #include "platform/linux/udev_handles.hpp"
 
 namespace HALYX::Linux {

@@ -22,7 +22,7 @@
 #include "halyx.h"
 #include "logger_capture.hpp"
 #include "platform/linux/usb_platform_api.hpp"
-#include "platform/usb_lister.hpp"
+#include "devices/usb_lister.hpp"
 #include "test_context.hpp"
 #include "testbed.hpp"
 
@@ -134,35 +134,42 @@ TEST(UsbPlatform, VendorRequestsAnsweredOrNotLeaveEnumerationGoing)
     testbed.plug(silent);
     testbed.plug(HALYX::SIM::otherVendorDevice("OT-1"));
 
-    HALYX::USBLister lister(std::make_unique<HALYX::Linux::USBPlatformAPI>());
-    const auto findings = lister.enumerate();
-    ASSERT_EQ(findings.size(), 4u);
-    std::map<std::string, std::pair<json, HALYX::Traits>> by_serial;
-    for (const auto& finding : findings) {
-        ASSERT_EQ(finding.sectionName, "usb");
-        by_serial[finding.serialNumber.value_or("")] = {json::parse(finding.sectionJson), finding.traits};
-    }
+    halyx_test::LoggerCapture log;
+    halyx_context* context = nullptr;
+    ASSERT_EQ(halyx_create_context(&context), HALYX_SUCCESS);
+    const auto document = enumerateDocument(context);
+    ASSERT_EQ(document.at("devices").size(), 4u);
 
-    const auto& [kit, kit_traits] = by_serial.at("KV-A");
-    EXPECT_EQ(kit.at("dfuTriggerVersion").at("semVer"), "1.6.2");
-    const auto& info = kit.at("dfuTriggerInfo");
-    EXPECT_EQ(info.at("wAddress"), 0x000F8000);
-    EXPECT_EQ(info.at("wVersionMajor"), 1);
-    EXPECT_EQ(info.at("wVersionMinor"), 6);
-    EXPECT_EQ(info.at("wFirmwareId"), 0x0052A6F1);
-    EXPECT_EQ(info.at("wFlashSize"), 0x00100000);
-    EXPECT_EQ(info.at("wFlashPageSize"), 0x1000);
-    EXPECT_EQ(kit_traits, (HALYX::Traits{{"usb", true}, {"kelvaneUsb", true}}));
+    const auto* kit = bySerial(document, "KV-A");
+    ASSERT_NE(kit, nullptr);
+    EXPECT_EQ(kit->at("usb").at("dfuTriggerVersion").at("semVer"), "1.6.2");
+    EXPECT_EQ(kit->at("usb").at("dfuTriggerInfo"), (json{{"wAddress", 0x000F8000},
+                                                        {"wVersionMajor", 1},
+                                                        {"wVersionMinor", 6},
+                                                        {"wFirmwareId", 0x0052A6F1},
+                                                        {"wFlashSize", 0x00100000},
+                                                        {"wFlashPageSize", 0x1000}}));
+    EXPECT_EQ(kit->at("traits").at("kelvaneUsb"), true);
 
     for (const auto* serial : {"KV-OLD", "KV-MUTE"}) {
-        const auto& [usb, traits] = by_serial.at(serial);
-        EXPECT_FALSE(usb.contains("dfuTriggerVersion")) << serial;
-        EXPECT_FALSE(usb.contains("dfuTriggerInfo")) << serial;
-        EXPECT_TRUE(traits.at("kelvaneUsb")) << serial;
+        const auto* device = bySerial(document, serial);
+        ASSERT_NE(device, nullptr) << serial;
+        EXPECT_FALSE(device->at("usb").contains("dfuTriggerVersion")) << serial;
+        EXPECT_FALSE(device->at("usb").contains("dfuTriggerInfo")) << serial;
+        EXPECT_EQ(device->at("traits").at("kelvaneUsb"), true) << serial;
     }
-    const auto& [other, other_traits] = by_serial.at("OT-1");
-    EXPECT_FALSE(other.contains("dfuTriggerVersion"));
-    EXPECT_EQ(other_traits, (HALYX::Traits{{"usb", true}}));
+    const auto* other = bySerial(document, "OT-1");
+    ASSERT_NE(other, nullptr);
+    EXPECT_FALSE(other->at("usb").contains("dfuTriggerVersion"));
+    EXPECT_FALSE(other->at("traits").contains("kelvaneUsb"));
+    EXPECT_EQ(log.count("error USBLister: failed to send setup packet KELVANE_SEM_VER_REQUEST"), 2u);
+    EXPECT_EQ(log.count("error USBLister: failed to send setup packet KELVANE_DFU_INFO_REQUEST"), 2u);
+
+    // Devices that did not answer are not asked again at the next enumeration.
+    const auto again = enumerateDocument(context);
+    EXPECT_EQ(bySerial(again, "KV-A")->at("usb").at("dfuTriggerVersion").at("semVer"), "1.6.2");
+    EXPECT_EQ(log.count("error USBLister: failed to send setup packet KELVANE_SEM_VER_REQUEST"), 2u);
+    EXPECT_EQ(halyx_release_context(context), HALYX_SUCCESS);
 }
 
 TEST(UsbPlatform, DevicesThroughTheLibraryCarryTheirSerialPorts)

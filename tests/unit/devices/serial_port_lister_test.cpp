@@ -109,7 +109,7 @@ TEST(SerialPortLister, BridgePortsAreMarkedAndPortsWithoutUsbStandAlone)
     const auto& own = run.found[0];
     EXPECT_FALSE(own.serialNumber);
     EXPECT_EQ(own.sectionName, "serialPorts");
-    EXPECT_EQ(json::parse(own.sectionJson), json::array({uart.toJson()}));
+    EXPECT_EQ(json::parse(own.sectionJson), json::array({HALYX::serialPortToJson(uart)}));
     EXPECT_TRUE(own.traits.at("serialPorts"));
 }
 

@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <span>
 
-namespace HALYX::MCUBOOT {
+// Fixed-width fields of device records and file formats. The caller has
+// checked that offset + width fits in bytes.
+namespace HALYX {
 
-// Little-endian fields of image headers and trailers; the caller has checked
-// that offset + width fits in bytes.
 inline uint16_t readLe16(std::span<const uint8_t> bytes, size_t offset)
 {
     return static_cast<uint16_t>(bytes[offset] | bytes[offset + 1] << 8);
@@ -19,4 +19,9 @@ inline uint32_t readLe32(std::span<const uint8_t> bytes, size_t offset)
            uint32_t{bytes[offset + 3]} << 24;
 }
 
-} // namespace HALYX::MCUBOOT
+inline uint16_t readBe16(std::span<const uint8_t> bytes, size_t offset)
+{
+    return static_cast<uint16_t>(bytes[offset] << 8 | bytes[offset + 1]);
+}
+
+} // namespace HALYX
