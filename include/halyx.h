@@ -389,10 +389,19 @@ HALYX_API halyx_errorcode_t halyx_get_current_timeout_configuration(halyx_contex
  */
 HALYX_API halyx_errorcode_t halyx_register_shutdown_event(halyx_context* context, halyx_shutdown_callback_t callback);
 
-/** Starts delivering hot-plug notices to the device lister. Returns 0 or the platform's failure. */
+/**
+ * Starts delivering hot-plug notices to the device lister. Returns 0 (also
+ * when they run already) or the platform's failure. From a device event
+ * callback after the notices were stopped it returns 102: start them again
+ * from another thread.
+ */
 HALYX_API halyx_errorcode_t halyx_start_eventhandler(halyx_context* context);
 
-/** Stops delivering hot-plug notices. Returns 0. */
+/**
+ * Stops delivering hot-plug notices and returns 0 once no device event
+ * callback runs any more. Called from a device event callback it returns 0
+ * at once and the notices stop when that callback returns.
+ */
 HALYX_API halyx_errorcode_t halyx_stop_eventhandler(halyx_context* context);
 
 /**

@@ -1,8 +1,12 @@
 #include "platform/linux/usb_platform_api.hpp"
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <tuple>
@@ -21,8 +25,6 @@ namespace HALYX::Linux {
 namespace {
 
 constexpr unsigned kTransferTimeoutMs = 1000;
-// How often the notification thread looks at the udev monitor and the stop flag.
-constexpr long kEventSliceUs = 100000;
 
 std::set<std::string> portNodes(const std::vector<SerialPort>& ports)
 {
@@ -72,7 +74,40 @@ UdevDevicePtr findUsbDevice(udev* context, uint8_t bus, uint8_t address, const s
                                           : nullptr);
 }
 
+void signal(int fd)
+{
+    const uint64_t one = 1;
+    if (fd >= 0) {
+        [[maybe_unused]] const auto written = ::write(fd, &one, sizeof one);
+    }
+}
+
+void drain(int fd)
+{
+    uint64_t count = 0;
+    [[maybe_unused]] const auto read = ::read(fd, &count, sizeof count);
+}
+
 } // namespace
+
+// One notification thread between a start() and the stop() that ends it.
+struct USBPlatformAPI::Run {
+    Run() : wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    {
+        if (wake < 0) {
+            throw HALYXException(HALYX_ERR_GENERAL, "Unable to create the USB notification thread's wake-up event.");
+        }
+    }
+    ~Run() { ::close(wake); }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    bool onThisThread() const { return thread.get_id() == std::this_thread::get_id(); }
+
+    const int wake;
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
 
 USBPlatformAPI::USBPlatformAPI()
 {
@@ -91,8 +126,14 @@ USBPlatformAPI::~USBPlatformAPI()
     } catch (const std::exception& e) {
         Log::exception(spdlog::level::err, e, "HALYX::Linux::USBPlatformAPI:");
     }
-    for (auto& [key, device] : devices_) {
-        libusb_unref_device(device);
+    if (run_) {
+        // Stopped from its own callback, which is destroying us: the context
+        // refuses that, so this is a caller's mistake that must not abort.
+        Log::critical("The USB notification thread is destroyed from its own callback; it is left to end alone.");
+        run_->thread.detach();
+    }
+    for (auto& [key, known] : known_) {
+        libusb_unref_device(known.device);
     }
     if (usb_ != nullptr) {
         libusb_exit(usb_);
@@ -141,6 +182,7 @@ std::vector<USBDevice> USBPlatformAPI::list(bool forget_departed)
     requireContext();
     auto context = makeUdev();
 
+    const uint64_t listed = stamps_.load();
     libusb_device** attached = nullptr;
     const ssize_t count = libusb_get_device_list(usb_, &attached);
     if (count < 0) {
@@ -168,7 +210,7 @@ std::vector<USBDevice> USBPlatformAPI::list(bool forget_departed)
     }
     libusb_free_device_list(attached, 1);
     if (forget_departed) {
-        forgetAllBut(present);
+        forgetAllBut(present, listed);
     }
     // Bus order, so that ids follow the order in which the devices were attached.
     std::sort(devices.begin(), devices.end(), [](const USBDevice& a, const USBDevice& b) {
@@ -229,40 +271,41 @@ std::optional<USBDevice> USBPlatformAPI::copyDeviceToUSB(libusb_device* device, 
 void USBPlatformAPI::remember(libusb_device* device, const USBDevice& record, const std::string& syspath,
                               std::set<std::string> ports)
 {
-    const BusAddress key{record.busNumber, record.address};
+    USBDevice identity;
+    identity.busNumber = record.busNumber;
+    identity.address = record.address;
+    identity.serialNumber = record.serialNumber;
+    identity.usbIdentifier = record.usbIdentifier;
+    identity.osDevicePath = record.osDevicePath;
+    libusb_ref_device(device);
+    libusb_device* replaced = nullptr;
     {
         std::lock_guard lock(known_mutex_);
-        USBDevice identity;
-        identity.busNumber = record.busNumber;
-        identity.address = record.address;
-        identity.serialNumber = record.serialNumber;
-        identity.usbIdentifier = record.usbIdentifier;
-        identity.osDevicePath = record.osDevicePath;
-        known_[key] = Known{std::move(identity), syspath, std::move(ports)};
+        auto& known = known_[{record.busNumber, record.address}];
+        replaced = known.device;
+        known = Known{std::move(identity), syspath, std::move(ports), device, ++stamps_};
     }
-    libusb_ref_device(device);
-    std::lock_guard lock(devices_mutex_);
-    auto [it, inserted] = devices_.try_emplace(key, device);
-    if (!inserted) {
-        libusb_unref_device(it->second);
-        it->second = device;
+    if (replaced != nullptr) {
+        libusb_unref_device(replaced);
     }
 }
 
-void USBPlatformAPI::forgetAllBut(const std::set<BusAddress>& present)
+void USBPlatformAPI::forgetAllBut(const std::set<BusAddress>& present, uint64_t listed)
 {
+    std::vector<libusb_device*> forgotten;
     {
         std::lock_guard lock(known_mutex_);
-        std::erase_if(known_, [&](const auto& entry) { return !present.contains(entry.first); });
+        std::erase_if(known_, [&](const auto& entry) {
+            if (present.contains(entry.first) || entry.second.stamp > listed) {
+                return false;
+            }
+            forgotten.push_back(entry.second.device);
+            return true;
+        });
     }
-    std::lock_guard lock(devices_mutex_);
-    std::erase_if(devices_, [&](const auto& entry) {
-        if (present.contains(entry.first)) {
-            return false;
-        }
-        libusb_unref_device(entry.second);
-        return true;
-    });
+    for (auto* device : forgotten) {
+        libusb_unref_device(device);
+    }
 }
 
 int USBPlatformAPI::controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data,
@@ -275,9 +318,9 @@ int USBPlatformAPI::controlTransfer(const USBDevice& device, uint8_t request_typ
     }
     libusb_device* usb_device = nullptr;
     {
-        std::lock_guard lock(devices_mutex_);
-        if (const auto it = devices_.find({device.busNumber, device.address}); it != devices_.end()) {
-            usb_device = libusb_ref_device(it->second);
+        std::lock_guard lock(known_mutex_);
+        if (const auto it = known_.find({device.busNumber, device.address}); it != known_.end()) {
+            usb_device = libusb_ref_device(it->second.device);
         }
     }
     if (usb_device == nullptr) {
@@ -332,13 +375,25 @@ bool USBPlatformAPI::vendorRead(const USBDevice& device, uint8_t request, std::v
 void USBPlatformAPI::start()
 {
     Log::ScopeTimer timer("HALYX::Linux::USBPlatformAPI::start");
-    std::lock_guard lock(lifecycle_mutex_);
     requireContext();
-    if (thread_.joinable()) {
-        return;
-    }
     if (libusb_has_capability(LIBUSB_CAP_HAS_HOTPLUG) == 0) {
         throw HALYXException(HALYX_ERR_NOT_SUPPORTED, "Unable to register for USB device notification.");
+    }
+    std::unique_ptr<Run> ended;
+    {
+        std::lock_guard lock(lifecycle_mutex_);
+        if (run_ && run_->onThisThread()) {
+            throw HALYXException(HALYX_ERR_INVALID_STATE, "Hot-plug events cannot be restarted from a device event "
+                                                          "callback; start them from another thread.");
+        }
+        if (run_ && !run_->stop) {
+            return;
+        }
+        ended = std::move(run_);
+    }
+    if (ended) {
+        // Stopped from its own callback: it has ended or is about to.
+        ended->thread.join();
     }
     // What is attached now must be known for its removal to be reported.
     // Devices that left while stopped stay known: libusb still holds their
@@ -348,43 +403,50 @@ void USBPlatformAPI::start()
     } catch (const std::exception& e) {
         Log::exception(spdlog::level::warn, e, "HALYX::Linux::USBPlatformAPI::start:");
     }
-    stop_ = false;
-    thread_ = std::thread([this] { run(); });
+    auto run = std::make_unique<Run>();
+    std::lock_guard lock(lifecycle_mutex_);
+    if (run_) {
+        return; // another thread started one meanwhile
+    }
+    wake_fd_ = run->wake;
+    run->thread = std::thread([this, run = run.get()] { this->run(*run); });
+    run_ = std::move(run);
 }
 
 void USBPlatformAPI::stop()
 {
-    if (thread_id_.load() == std::this_thread::get_id()) {
-        throw HALYXException(HALYX_ERR_INVALID_STATE,
-                             "Hot-plug events cannot be stopped from a device event callback; stop them from "
-                             "another thread.");
-    }
-    std::lock_guard lock(lifecycle_mutex_);
-    if (!thread_.joinable()) {
-        return;
+    std::unique_ptr<Run> ending;
+    {
+        std::lock_guard lock(lifecycle_mutex_);
+        if (!run_) {
+            return;
+        }
+        run_->stop = true;
+        signal(run_->wake);
+        if (run_->onThisThread()) {
+            return; // a callback: the run ends once it returns
+        }
+        ending = std::move(run_);
     }
     Log::ScopeTimer timer("HALYX::Linux::USBPlatformAPI::stop");
-    stop_ = true;
-    libusb_interrupt_event_handler(usb_);
-    thread_.join();
+    ending->thread.join();
 }
 
-int LIBUSB_CALL USBPlatformAPI::onHotplug(libusb_context* context, libusb_device* device,
-                                          libusb_hotplug_event event, void* self)
+int LIBUSB_CALL USBPlatformAPI::onHotplug(libusb_context*, libusb_device* device, libusb_hotplug_event event,
+                                          void* self)
 {
     auto* platform = static_cast<USBPlatformAPI*>(self);
     {
         std::lock_guard lock(platform->queue_mutex_);
         platform->queue_.emplace_back(libusb_ref_device(device), event == LIBUSB_HOTPLUG_EVENT_DEVICE_ARRIVED);
     }
-    // This may run on another thread's event handling; wake ours.
-    libusb_interrupt_event_handler(context);
+    // This may run on another thread's event handling; wake the run.
+    signal(platform->wake_fd_.load());
     return 0;
 }
 
-void USBPlatformAPI::run()
+void USBPlatformAPI::run(Run& run)
 {
-    thread_id_ = std::this_thread::get_id();
     libusb_hotplug_callback_handle handle = 0;
     bool registered = false;
     try {
@@ -405,9 +467,33 @@ void USBPlatformAPI::run()
         }
 
         std::deque<UdevDevicePtr> port_events;
-        while (!stop_) {
-            timeval slice{0, kEventSliceUs};
-            libusb_handle_events_timeout_completed(usb_, &slice, nullptr);
+        std::vector<pollfd> watched;
+        while (!run.stop) {
+            // libusb's descriptors change as devices are opened and closed.
+            watched.clear();
+            watched.push_back({run.wake, POLLIN, 0});
+            if (monitor) {
+                watched.push_back({udev_monitor_get_fd(monitor.get()), POLLIN, 0});
+            }
+            if (const libusb_pollfd** usb_fds = libusb_get_pollfds(usb_)) {
+                for (auto** fd = usb_fds; *fd != nullptr; ++fd) {
+                    watched.push_back({(*fd)->fd, (*fd)->events, 0});
+                }
+                libusb_free_pollfds(usb_fds);
+            }
+            int timeout_ms = -1;
+            timeval next{};
+            if (libusb_pollfds_handle_timeouts(usb_) == 0 && libusb_get_next_timeout(usb_, &next) == 1) {
+                timeout_ms = static_cast<int>(next.tv_sec * 1000 + (next.tv_usec + 999) / 1000);
+            }
+            if (::poll(watched.data(), watched.size(), timeout_ms) < 0 && errno != EINTR) {
+                throw HALYXException(HALYX_ERR_GENERAL, fmt::format("poll failed: {}", std::strerror(errno)));
+            }
+            if ((watched[0].revents & POLLIN) != 0) {
+                drain(run.wake);
+            }
+            timeval now{0, 0};
+            libusb_handle_events_timeout_completed(usb_, &now, nullptr);
 
             std::deque<std::pair<libusb_device*, bool>> batch;
             {
@@ -415,10 +501,10 @@ void USBPlatformAPI::run()
                 batch.swap(queue_);
             }
             for (auto& [device, arrived] : batch) {
-                if (!stop_) {
+                if (!run.stop) {
                     try {
                         if (arrived) {
-                            handleArrival(device, context.get(), monitor.get(), port_events);
+                            handleArrival(run, device, context.get(), monitor.get(), port_events);
                         } else {
                             handleRemoval(device);
                         }
@@ -429,7 +515,7 @@ void USBPlatformAPI::run()
                 libusb_unref_device(device);
             }
             drainMonitor(monitor.get(), port_events);
-            for (; !port_events.empty(); port_events.pop_front()) {
+            for (; !port_events.empty() && !run.stop; port_events.pop_front()) {
                 handlePortEvent(port_events.front().get());
             }
         }
@@ -441,15 +527,15 @@ void USBPlatformAPI::run()
     if (registered) {
         libusb_hotplug_deregister_callback(usb_, handle);
     }
+    wake_fd_ = -1;
     std::lock_guard lock(queue_mutex_);
     for (auto& [device, arrived] : queue_) {
         libusb_unref_device(device);
     }
     queue_.clear();
-    thread_id_ = std::thread::id();
 }
 
-void USBPlatformAPI::handleArrival(libusb_device* device, udev* context, udev_monitor* monitor,
+void USBPlatformAPI::handleArrival(Run& run, libusb_device* device, udev* context, udev_monitor* monitor,
                                    std::deque<UdevDevicePtr>& port_events)
 {
     std::string syspath;
@@ -462,7 +548,7 @@ void USBPlatformAPI::handleArrival(libusb_device* device, udev* context, udev_mo
     const auto expected = expectedPorts(*record);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(settle_ms_.load());
     auto nodes = portNodes(listUsbSerialPorts(context, syspath.c_str()));
-    while (nodes.size() < expected && !stop_) {
+    while (nodes.size() < expected && !run.stop) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
         if (left <= 0) {
@@ -470,13 +556,11 @@ void USBPlatformAPI::handleArrival(libusb_device* device, udev* context, udev_mo
                        record->usbIdentifier, nodes.size(), expected);
             break;
         }
-        if (monitor != nullptr) {
-            pollfd watch{udev_monitor_get_fd(monitor), POLLIN, 0};
-            ::poll(&watch, 1, static_cast<int>(std::min<long long>(left, 10)));
-            drainMonitor(monitor, port_events);
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(std::min<long long>(left, 10)));
-        }
+        // A port's udev notice (or a stop) ends the wait; without a monitor,
+        // only the time limit does.
+        pollfd watched[2] = {{run.wake, POLLIN, 0}, {monitor != nullptr ? udev_monitor_get_fd(monitor) : -1, POLLIN, 0}};
+        ::poll(watched, 2, static_cast<int>(left));
+        drainMonitor(monitor, port_events);
         nodes = portNodes(listUsbSerialPorts(context, syspath.c_str()));
     }
     remember(device, *record, syspath, std::move(nodes));
@@ -487,17 +571,16 @@ void USBPlatformAPI::handleRemoval(libusb_device* device)
 {
     const BusAddress key{libusb_get_bus_number(device), libusb_get_device_address(device)};
     std::optional<USBDevice> identity;
+    libusb_device* referenced = nullptr;
     {
         std::lock_guard lock(known_mutex_);
         if (auto node = known_.extract(key)) {
             identity = std::move(node.mapped().identity);
+            referenced = node.mapped().device;
         }
     }
-    {
-        std::lock_guard lock(devices_mutex_);
-        if (auto node = devices_.extract(key)) {
-            libusb_unref_device(node.mapped());
-        }
+    if (referenced != nullptr) {
+        libusb_unref_device(referenced);
     }
     if (!identity) {
         Log::debug("USB device at bus {} address {} left before it was reported", key.first, key.second);

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <set>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -23,13 +25,16 @@ namespace HALYX::Linux {
 // needs permission to open a device.
 //
 // Threads: callers of enumerate() and the control transfers (any thread);
-// one notification thread between start() and stop(), which runs libusb's
-// events and a udev monitor on "tty" and calls the callbacks. libusb's
-// hot-plug callback may run on whichever thread handles libusb events; it
-// only queues. Locks: callbacks_mutex_ (the callables), queue_mutex_ (the
-// hot-plug queue), known_mutex_ (devices seen and their ports), devices_mutex_
-// (libusb devices by bus and address), lifecycle_mutex_ (start/stop). None is
-// held while calling out or while another is taken.
+// between start() and stop() one notification thread (a "run"), which
+// sleeps in one poll() over libusb's descriptors, a udev monitor on "tty"
+// and the run's own eventfd, and calls the callbacks. libusb's hot-plug
+// callback may run on whichever thread handles libusb events; it only
+// queues and wakes the run. A stop() from a callback ends the run when the
+// callback returns; the next start() or the destructor joins it.
+// Locks: callbacks_mutex_ (the callables), queue_mutex_ (the hot-plug
+// queue), known_mutex_ (devices seen: their identity, ports and libusb
+// reference), lifecycle_mutex_ (the current run). None is held while
+// calling out, while joining, or while another is taken.
 class USBPlatformAPI final : public HALYX::USBPlatformAPI {
 public:
     USBPlatformAPI();
@@ -55,7 +60,11 @@ private:
         USBDevice identity;
         std::string syspath;
         std::set<std::string> ports; // tty nodes already reported
+        libusb_device* device = nullptr; // referenced
+        uint64_t stamp = 0;              // when it was last seen
     };
+
+    struct Run;
 
     static int LIBUSB_CALL onHotplug(libusb_context* context, libusb_device* device, libusb_hotplug_event event,
                                      void* self);
@@ -65,15 +74,16 @@ private:
     std::optional<USBDevice> copyDeviceToUSB(libusb_device* device, udev* context, std::string* syspath);
     void remember(libusb_device* device, const USBDevice& record, const std::string& syspath,
                   std::set<std::string> ports);
-    // Drops what is remembered of devices that are gone.
-    void forgetAllBut(const std::set<BusAddress>& present);
+    // Forgets what was seen up to `listed` and is not present any more;
+    // what a hot-plug arrival remembered meanwhile stays.
+    void forgetAllBut(const std::set<BusAddress>& present, uint64_t listed);
     // Opens the device and sends one control transfer to its DFU-trigger
     // interface; the libusb result (bytes moved or an error).
     int controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data,
                         uint16_t length);
 
-    void run();
-    void handleArrival(libusb_device* device, udev* context, udev_monitor* monitor,
+    void run(Run& run);
+    void handleArrival(Run& run, libusb_device* device, udev* context, udev_monitor* monitor,
                        std::deque<UdevDevicePtr>& port_events);
     void handleRemoval(libusb_device* device);
     void handlePortEvent(udev_device* tty);
@@ -92,17 +102,14 @@ private:
 
     std::mutex known_mutex_;
     std::map<BusAddress, Known> known_;
-
-    std::mutex devices_mutex_;
-    std::map<BusAddress, libusb_device*> devices_; // each holds a reference
+    std::atomic<uint64_t> stamps_{0};
 
     std::mutex queue_mutex_;
     std::deque<std::pair<libusb_device*, bool>> queue_; // referenced device, arrived
+    std::atomic<int> wake_fd_{-1};                      // the current run's
 
     std::mutex lifecycle_mutex_;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::atomic<std::thread::id> thread_id_{};
+    std::unique_ptr<Run> run_;
 };
 
 } // namespace HALYX::Linux

@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <future>
+#include <thread>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -183,11 +185,15 @@ TEST_F(Hotplug, EventHandlerStartsAndStopsWhileKitsComeAndGo)
     }
 }
 
-TEST_F(Hotplug, ACallbackCannotStopTheThreadItRunsOn)
+// A device event callback may stop the events it is delivering, even while
+// another thread stops them too: neither waits for the other.
+TEST_F(Hotplug, ACallbackMayStopTheEventsItDelivers)
 {
     struct Attempt {
         std::mutex mutex;
-        std::condition_variable done;
+        std::condition_variable changed;
+        bool entered = false;
+        bool outside_stopping = false;
         std::optional<halyx_errorcode_t> code;
     } attempt;
     ASSERT_EQ(halyx_unregister_device_event(context_), HALYX_SUCCESS);
@@ -195,18 +201,57 @@ TEST_F(Hotplug, ACallbackCannotStopTheThreadItRunsOn)
                   context_,
                   [](halyx_context* context, const halyx_device_event_t*, void* self) {
                       auto* a = static_cast<Attempt*>(self);
+                      std::unique_lock lock(a->mutex);
+                      if (a->code) {
+                          return; // only the first event stops
+                      }
+                      a->entered = true;
+                      a->changed.notify_all();
+                      // Give the other thread time to be inside its stop.
+                      a->changed.wait_for(lock, 200ms, [a] { return a->outside_stopping; });
+                      lock.unlock();
                       const auto code = halyx_stop_eventhandler(context);
-                      std::lock_guard lock(a->mutex);
+                      lock.lock();
                       a->code = code;
-                      a->done.notify_all();
+                      a->changed.notify_all();
                   },
                   &attempt),
               HALYX_SUCCESS);
     ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
     testbed_.plug(HALYX::SIM::otherVendorDevice("OT-STOP"));
-    std::unique_lock lock(attempt.mutex);
-    ASSERT_TRUE(attempt.done.wait_for(lock, 5s, [&] { return attempt.code.has_value(); }));
-    EXPECT_EQ(*attempt.code, HALYX_ERR_INVALID_STATE);
+    {
+        std::unique_lock lock(attempt.mutex);
+        ASSERT_TRUE(attempt.changed.wait_for(lock, 5s, [&] { return attempt.entered; }));
+        attempt.outside_stopping = true;
+        attempt.changed.notify_all();
+    }
+    // A watchdog rather than a hang if the two stops wait for each other.
+    auto outside = std::async(std::launch::async, [this] { return halyx_stop_eventhandler(context_); });
+    ASSERT_EQ(outside.wait_for(10s), std::future_status::ready) << "the two stops wait for each other";
+    EXPECT_EQ(outside.get(), HALYX_SUCCESS);
+    {
+        std::unique_lock lock(attempt.mutex);
+        ASSERT_TRUE(attempt.changed.wait_for(lock, 5s, [&] { return attempt.code.has_value(); }));
+        EXPECT_EQ(*attempt.code, HALYX_SUCCESS);
+    }
+
+    // Stopped from the callback alone: no more events until started again.
+    ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
+    ASSERT_EQ(halyx_unregister_device_event(context_), HALYX_SUCCESS);
+    ASSERT_EQ(halyx_register_device_event(
+                  context_,
+                  [](halyx_context* context, const halyx_device_event_t* event, void* self) {
+                      Events::record(context, event, self);
+                      halyx_stop_eventhandler(context);
+                  },
+                  &events_),
+              HALYX_SUCCESS);
+    testbed_.plug(HALYX::SIM::otherVendorDevice("OT-ONCE"));
+    EXPECT_EQ(events_.next().device.at("serialNumber"), "OT-ONCE");
+    testbed_.plug(HALYX::SIM::otherVendorDevice("OT-UNHEARD"));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(events_.pending(), 0u);
+    ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
 }
 
 } // namespace
