@@ -5,22 +5,39 @@
 
 namespace HALYX::ASYNC {
 
-async_task::async_task(uint64_t id, Work work) : id_(id)
+namespace {
+
+thread_local const async_task* running_task = nullptr;
+
+} // namespace
+
+async_task::async_task(uint64_t id, Work work, WorkerPool& pool) : id_(id), future_(done_.get_future().share())
 {
-    future_ = std::async(std::launch::async, [this, work = std::move(work)]() mutable { return run(work); }).share();
+    pool.post([this, work = std::move(work)]() mutable {
+        const auto code = run(work);
+        // What the work holds goes before anyone can see the task finished.
+        work = nullptr;
+        done_.set_value(code);
+    });
 }
 
 async_task::~async_task()
 {
-    // The shared state of std::async blocks the last owner until the worker ends.
-    if (future_.valid()) {
-        future_.wait();
-    }
+    future_.wait();
     Log::debug("~async_task id: {}", id_);
+}
+
+const async_task* async_task::current()
+{
+    return running_task;
 }
 
 halyx_errorcode_t async_task::run(Work& work) noexcept
 {
+    running_task = this;
+    struct Leave {
+        ~Leave() { running_task = nullptr; }
+    } leave;
     try {
         operation_call_wrapper_t wrapper(*this);
         return work(wrapper);

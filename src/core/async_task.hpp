@@ -6,6 +6,7 @@
 #include <future>
 #include <string>
 
+#include "core/worker_pool.hpp"
 #include "halyx.h"
 
 namespace HALYX::ASYNC {
@@ -15,8 +16,8 @@ struct Outcome {
     std::string message;
 };
 
-// One asynchronous operation: its own worker (standard asynchronous launch),
-// a cooperative cancel flag, and the message of a failed run.
+// One asynchronous operation: its work, run on a worker of the context's
+// pool, a cooperative cancel flag, and the message of a failed run.
 //
 // Threads: the worker writes message_ before its future becomes ready; readers
 // take it only after waiting on the future, which orders the two.
@@ -35,7 +36,8 @@ public:
 
     using Work = std::function<halyx_errorcode_t(operation_call_wrapper_t&)>;
 
-    async_task(uint64_t id, Work work);
+    // Posts the work to the pool; the task must outlive it (the destructor waits).
+    async_task(uint64_t id, Work work, WorkerPool& pool);
     ~async_task();
     async_task(const async_task&) = delete;
     async_task& operator=(const async_task&) = delete;
@@ -50,12 +52,16 @@ public:
     // The outcome once the future is ready.
     Outcome outcome() const;
 
+    // The task whose work runs on this thread, if any (its callbacks run there too).
+    static const async_task* current();
+
 private:
     halyx_errorcode_t run(Work& work) noexcept;
 
     const uint64_t id_;
     std::atomic<bool> cancel_{false};
     std::string message_;
+    std::promise<halyx_errorcode_t> done_;
     std::shared_future<halyx_errorcode_t> future_;
 };
 

@@ -1,6 +1,9 @@
 #include "core/context.hpp"
 
+#include <fmt/format.h>
+
 #include "core/builtin_plugins.hpp"
+#include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
 #include "devices/device_lister.hpp"
 #include "devices/usb_lister.hpp"
@@ -36,6 +39,18 @@ halyx_context::~halyx_context()
 
 void halyx_context::shutDown()
 {
+    // Each of these would wait for the very thread it is called on.
+    const char* from = tasks.onWorker()              ? "an operation's callback"
+                       : lister->inEventCallback()   ? "a device event callback"
+                       : log_subscriber_->onDispatcher() ? "the log callback"
+                                                     : nullptr;
+    if (from != nullptr) {
+        throw HALYX::HALYXException(HALYX_ERR_INVALID_STATE,
+                                    fmt::format("halyx_release_context cannot be called from {} of the same context: "
+                                                "it waits for the thread that runs it. Release the context from "
+                                                "another thread.",
+                                                from));
+    }
     tasks.cancelAllAndWait();
     lister->shutDown();
     halyx_shutdown_callback_t callback = nullptr;

@@ -1,7 +1,5 @@
 #include "core/log_subscriber.hpp"
 
-#include <chrono>
-
 namespace HALYX {
 
 LogSubscriber::LogSubscriber() : dispatcher_([this] { run(); }) {}
@@ -65,26 +63,25 @@ void LogSubscriber::stop()
 
 void LogSubscriber::run()
 {
-    using namespace std::chrono_literals;
     for (;;) {
-        std::this_thread::yield();
         std::deque<LogRecord> batch;
         {
             std::unique_lock lock(queue_mutex_);
-            if (queue_.empty() && !stopping_) {
-                // A push wakes us at once; the bound only keeps a missed
-                // notification from delaying delivery.
-                wake_.wait_for(lock, 10ms);
-            }
+            wake_.wait(lock, [this] { return !queue_.empty() || stopping_; });
             batch.swap(queue_);
-            if (batch.empty() && stopping_) {
-                return;
+            if (batch.empty()) {
+                return; // stopping, and everything delivered
             }
         }
         for (const auto& record : batch) {
             deliver(record);
         }
     }
+}
+
+bool LogSubscriber::onDispatcher() const
+{
+    return dispatcher_.get_id() == std::this_thread::get_id();
 }
 
 void LogSubscriber::deliver(const LogRecord& record)

@@ -44,6 +44,9 @@ public:
 
     std::recursive_mutex& registrationMutex() { return registration_mutex_; }
 
+    // True inside the application's log callback.
+    bool onDispatcher() const;
+
 private:
     void run();
     void deliver(const LogRecord& record);

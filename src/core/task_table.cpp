@@ -35,6 +35,8 @@ Clock::time_point deadlineAfter(int32_t timeout_ms)
 
 } // namespace
 
+TaskTable::TaskTable(size_t max_workers) : pool_(max_workers) {}
+
 TaskTable::~TaskTable()
 {
     cancelAllAndWait();
@@ -51,7 +53,7 @@ uint64_t TaskTable::add(async_task::Work work)
         ++attempt;
         id = microsecondsNow() + attempt;
     } while (tasks_.contains(id));
-    tasks_.emplace(id, std::make_shared<async_task>(id, std::move(work)));
+    tasks_.emplace(id, std::make_shared<async_task>(id, std::move(work), pool_));
     return id;
 }
 
@@ -67,6 +69,12 @@ Outcome TaskTable::wait(uint64_t id, std::optional<int32_t> timeout_ms)
     auto task = find(id);
     if (!task) {
         return Outcome{HALYX_ERR_NOT_FOUND, fmt::format("async task not found for id: {}", id)};
+    }
+    if (async_task::current() == task.get()) {
+        return Outcome{HALYX_ERR_INVALID_STATE,
+                       fmt::format("async task {} cannot be waited for from its own callbacks: they run on its worker, "
+                                   "which finishes the task only after they return. Wait from another thread.",
+                                   id)};
     }
     auto future = task->future();
     if (future.valid()) {

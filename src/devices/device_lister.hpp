@@ -75,6 +75,9 @@ public:
     // Refuses (12) while an enumeration runs; stops hot-plug notices.
     void shutDown();
 
+    // True on the thread that delivers this lister's device events, inside a callback.
+    bool inEventCallback() const { return router_.inCallback(); }
+
     // An operation's plugin instance follows device events while it runs,
     // and may report devices of its own.
     PluginFollowers::Ticket follow(const std::shared_ptr<PluginApi>& plugin);

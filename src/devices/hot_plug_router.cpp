@@ -5,23 +5,23 @@
 namespace HALYX {
 namespace {
 
-thread_local bool delivering_event = false;
+thread_local const HotPlugRouter* delivering = nullptr;
 
 } // namespace
 
-HotPlugRouter::CallbackScope::CallbackScope() : outer_(delivering_event)
+HotPlugRouter::CallbackScope::CallbackScope(const HotPlugRouter* router) : outer_(delivering)
 {
-    delivering_event = true;
+    delivering = router;
 }
 
 HotPlugRouter::CallbackScope::~CallbackScope()
 {
-    delivering_event = outer_;
+    delivering = outer_;
 }
 
-bool HotPlugRouter::inCallback()
+bool HotPlugRouter::inCallback() const
 {
-    return delivering_event;
+    return delivering == this;
 }
 
 HotPlugRouter::HotPlugRouter(AsyncLister* lister) : lister_(lister) {}
@@ -55,12 +55,12 @@ void HotPlugRouter::start(AsyncLister::Arrival arrival, AsyncLister::Removal rem
     lock.unlock();
     try {
         lister_->start(
-            [arrival = std::move(arrival)](const event_object& finding, ArrivalType type) {
-                CallbackScope scope;
+            [this, arrival = std::move(arrival)](const event_object& finding, ArrivalType type) {
+                CallbackScope scope(this);
                 arrival(finding, type);
             },
-            [removal = std::move(removal)](const event_object& finding) {
-                CallbackScope scope;
+            [this, removal = std::move(removal)](const event_object& finding) {
+                CallbackScope scope(this);
                 removal(finding);
             });
     } catch (...) {

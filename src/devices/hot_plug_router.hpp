@@ -27,22 +27,23 @@ public:
     void stop();
     bool running() const;
 
-    // True on a thread that is delivering a device event.
-    static bool inCallback();
+    // True on a thread that is delivering one of this router's device events.
+    bool inCallback() const;
 
-    // Marks the current thread as delivering a device event while it lives.
+private:
+    // Marks the current thread as delivering this router's event while it lives.
     class CallbackScope {
     public:
-        CallbackScope();
+        explicit CallbackScope(const HotPlugRouter* router);
         ~CallbackScope();
         CallbackScope(const CallbackScope&) = delete;
         CallbackScope& operator=(const CallbackScope&) = delete;
 
     private:
-        bool outer_;
+        const HotPlugRouter* outer_;
     };
 
-private:
+
     AsyncLister* const lister_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;

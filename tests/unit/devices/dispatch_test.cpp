@@ -1,5 +1,8 @@
 // Device operations: plugin choice, task creation, callbacks and firmware handles.
 #include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <fstream>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -305,4 +308,112 @@ TEST(Dispatch, FirmwareHandleChecks)
     EXPECT_EQ(halyx_fw_create_handle(nullptr, reinterpret_cast<const uint8_t*>("x"), 1, 1, 0),
               HALYX_ERR_INVALID_ARGUMENT);
     std::remove(path.c_str());
+}
+
+namespace {
+
+// A field of /proc/self/status, in its own unit (kB for memory).
+long procStatus(const char* key)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind(key, 0) == 0) {
+            return std::stol(line.substr(std::strlen(key)));
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+// Callers that rely on the completion callback and never wait: the tasks run
+// on a bounded pool, so threads and address space stay bounded.
+TEST(Dispatch, OperationsNobodyWaitsForStayBounded)
+{
+    halyx_test::PluginScript quick;
+    quick.name = "quick";
+    quick.traits = {"jlink"};
+    quick.canHandle = [](const std::string&, const std::string&) { return true; };
+    quick.erase = [](const std::string&, HALYX::Operation&) {};
+    auto context = withDevices({quick}, {{"Q", {{"jlink", true}}}});
+
+    struct Count {
+        std::mutex mutex;
+        std::condition_variable done;
+        int completed = 0;
+    } count;
+    const auto threads_before = procStatus("Threads:");
+    const auto memory_before = procStatus("VmSize:");
+    constexpr int kOperations = 2000;
+    for (int i = 0; i < kOperations; ++i) {
+        uint64_t task = 0;
+        ASSERT_EQ(halyx_fw_erase(
+                      *context, 1, nullptr, &task,
+                      [](halyx_context*, halyx_complete_t result) {
+                          auto* c = static_cast<Count*>(result.user_data);
+                          std::lock_guard lock(c->mutex);
+                          ++c->completed;
+                          c->done.notify_all();
+                      },
+                      &count),
+                  HALYX_SUCCESS);
+    }
+    std::unique_lock lock(count.mutex);
+    ASSERT_TRUE(count.done.wait_for(lock, 60s, [&] { return count.completed == kOperations; }));
+    EXPECT_LE(procStatus("Threads:") - threads_before, static_cast<long>(HALYX::ASYNC::TaskTable::kMaxWorkers));
+    // A thread per task kept its stack until waited for: gigabytes for this many.
+    EXPECT_LT(procStatus("VmSize:") - memory_before, 2L * 1024 * 1024);
+}
+
+// Waiting for a task from its own callbacks could never end: refused at once,
+// as is releasing the context there.
+TEST(Dispatch, WaitingFromTheTasksOwnCallbackIsRefused)
+{
+    halyx_test::PluginScript quick;
+    quick.name = "quick";
+    quick.traits = {"jlink"};
+    quick.canHandle = [](const std::string&, const std::string&) { return true; };
+    quick.erase = [](const std::string&, HALYX::Operation&) {};
+    auto context = withDevices({quick}, {{"Q", {{"jlink", true}}}});
+
+    struct Inside {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool finished = false;
+        halyx_errorcode_t untimed = HALYX_SUCCESS;
+        halyx_errorcode_t timed = HALYX_SUCCESS;
+        halyx_errorcode_t release = HALYX_SUCCESS;
+        std::string message;
+    } inside;
+    uint64_t task = 0;
+    ASSERT_EQ(halyx_fw_erase(
+                  *context, 1, nullptr, &task,
+                  [](halyx_context* ctx, halyx_complete_t result) {
+                      auto* in = static_cast<Inside*>(result.user_data);
+                      const auto untimed = halyx_wait_async_task_complete(ctx, result.task_id);
+                      const auto message = lastError(ctx).message;
+                      const auto timed = halyx_wait_timed_async_task_complete(ctx, result.task_id, 60000);
+                      const auto release = halyx_release_context(ctx);
+                      std::lock_guard lock(in->mutex);
+                      in->untimed = untimed;
+                      in->timed = timed;
+                      in->release = release;
+                      in->message = message;
+                      in->finished = true;
+                      in->done.notify_all();
+                  },
+                  &inside),
+              HALYX_SUCCESS);
+    {
+        std::unique_lock lock(inside.mutex);
+        ASSERT_TRUE(inside.done.wait_for(lock, 10s, [&] { return inside.finished; }));
+        EXPECT_EQ(inside.untimed, HALYX_ERR_INVALID_STATE);
+        EXPECT_EQ(inside.timed, HALYX_ERR_INVALID_STATE);
+        EXPECT_EQ(inside.release, HALYX_ERR_INVALID_STATE);
+        EXPECT_NE(inside.message.find("cannot be waited for from its own callbacks"), std::string::npos)
+            << inside.message;
+    }
+    // The task itself is untouched by the refused waits.
+    EXPECT_EQ(halyx_wait_async_task_complete(*context, task), HALYX_SUCCESS);
 }
