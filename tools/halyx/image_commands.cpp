@@ -11,6 +11,7 @@
 #include "core/firmware.hpp"
 #include "core/halyx_exception.hpp"
 #include "image/binary_image.hpp"
+#include "image/firmware_format.hpp"
 #include "image/firmware_loader.hpp"
 #include "image_report.hpp"
 
@@ -134,7 +135,7 @@ int convert(const std::string& in, const std::string& out, uint32_t base)
 
     halyx_firmware firmware;
     firmware.source_kind = HALYX_FW_SOURCE_FILE;
-    firmware.format = firmwareFormat(in);
+    firmware.format = HALYX::firmwareFileFormat(in);
     firmware.data = in;
     const auto image = HALYX::loadFirmwareImage(firmware, base);
     image.save(outPath, specifier);

@@ -13,30 +13,26 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.hpp"
+#include "core/halyx_exception.hpp"
+#include "image/binary_image.hpp"
+#include "image/firmware_format.hpp"
 
 namespace halyx_tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-uint32_t formatFor(const std::string& file)
+// Decided as the library's readers decide it; a file that cannot be
+// identified fails like a refused call.
+uint32_t formatOf(const std::string& file)
 {
-    std::string name = file;
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    const auto ends = [&](const char* suffix) {
-        const std::string s(suffix);
-        return name.size() >= s.size() && name.compare(name.size() - s.size(), s.size(), s) == 0;
-    };
-    if (ends(".zip")) {
-        return HALYX_FW_FORMAT_ZIP;
+    try {
+        return HALYX::firmwareFileFormat(file);
+    } catch (const HALYX::HALYXException& e) {
+        throw Failure{e.code(), e.what()};
+    } catch (const HALYX::BinaryImage::error& e) {
+        throw Failure{HALYX_ERR_INVALID_ARGUMENT, e.what()};
     }
-    if (ends(".bin")) {
-        return HALYX_FW_FORMAT_BINARY;
-    }
-    if (ends(".elf") || ends(".axf") || ends(".out")) {
-        return HALYX_FW_FORMAT_ELF;
-    }
-    return HALYX_FW_FORMAT_INTEL_HEX;
 }
 
 std::string humanRate(double bytes_per_second)
@@ -204,12 +200,13 @@ uint64_t chooseDevice(halyx_context* context, const ProgramRequest& request)
 
 int program(halyx_context* context, const ProgramRequest& request, StopSignal& stop)
 {
+    const uint32_t format = formatOf(request.file);
     const uint64_t device = chooseDevice(context, request);
 
     halyx_firmware* firmware = nullptr;
     check(context,
           halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(request.file.c_str()), 0,
-                                 HALYX_FW_SOURCE_FILE, formatFor(request.file)),
+                                 HALYX_FW_SOURCE_FILE, format),
           "halyx_fw_create_handle");
 
     ProgramState state;

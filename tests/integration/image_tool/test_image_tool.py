@@ -155,7 +155,20 @@ class ImageTool(unittest.TestCase):
         check("zip", "-q", "-j", self.path("nomanifest.zip"), self.path("manifest.txt"))
         refused(["info", self.path("nomanifest.zip")], "halyx: error 10: file not found in zip: manifest.json")
         refused(["info", self.path("missing.hex")], "BinaryImage access error, could not open")
-        self.assertEqual(run(TOOL, "image", "convert", self.path("bad.hex")).returncode, 2)
+        # A raw binary must say so by its name; the same bytes named .bin are read.
+        with open(self.path("raw.img"), "wb") as f:
+            f.write(b"\x00\x10\x00\x20" * 4)
+        refused(["info", self.path("raw.img")], "Name a raw binary image .bin.")
+        os.rename(self.path("raw.img"), self.path("raw.bin"))
+        self.assertEqual(json.loads(check(TOOL, "image", "info", self.path("raw.bin"), "--json"))["size"], 16)
+
+    def test_contents_decide_for_names_that_do_not(self):
+        with open(self.path("firmware.txt"), "w") as f:
+            f.write(":0100100041AE\n; written by hand\n:00000001FF\n")
+        info = json.loads(check(TOOL, "image", "info", self.path("firmware.txt"), "--json"))
+        self.assertEqual((info["format"], info["segments"]), ("intel-hex", [{"address": 0x10, "size": 1}]))
+        check(TOOL, "image", "convert", self.path("firmware.txt"), self.path("out.bin"))
+        self.assertEqual(read(self.path("out.bin")), b"\x41")
 
 
 if __name__ == "__main__":
