@@ -170,6 +170,20 @@ class ImageTool(unittest.TestCase):
         check(TOOL, "image", "convert", self.path("firmware.txt"), self.path("out.bin"))
         self.assertEqual(read(self.path("out.bin")), b"\x41")
 
+    def test_usage(self):
+        for command in (["info"], ["convert"], []):
+            result = run(TOOL, "image", *command, "--help")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("Usage: halyx image " + " ".join(command), result.stdout)
+        for args, message in ((["convert", "in.hex"], "OUT is required"),
+                              (["info", "in.hex", "--bogus"], "unexpected argument for 'info': --bogus"),
+                              (["info", "in.hex", "--base", "0x100000000"],
+                               "--base: 0x100000000 is not an address from 0 to 0xFFFFFFFF"),
+                              (["convert", "in.hex", "out.bin", "--json"], "unexpected argument for 'convert': --json")):
+            result = run(TOOL, "image", *args)
+            self.assertEqual(result.returncode, 2, args)
+            self.assertIn(message, result.stderr)
+
 
 if __name__ == "__main__":
     unittest.main(argv=sys.argv[:1], verbosity=2)
