@@ -14,8 +14,7 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "bench_json.hpp"
 #include "image/binary_image.hpp"
 
 namespace {
@@ -70,11 +69,6 @@ std::vector<char> slurp(const std::filesystem::path& path)
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-void line(const nlohmann::ordered_json& figure)
-{
-    std::printf("%s\n", figure.dump().c_str());
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -103,29 +97,26 @@ int main(int argc, char** argv)
 
         const double mib = static_cast<double>(kPayload) / (1u << 20);
         auto figure = [&](const char* who, const Run& r) {
-            line({{"benchmark", "hex_to_bin"},
-                  {"tool", who},
-                  {"payload_mib", mib},
-                  {"input_mb", inputMb},
-                  {"seconds", r.seconds},
-                  {"payload_mib_per_s", mib / r.seconds},
-                  {"input_mb_per_s", inputMb / r.seconds},
-                  {"peak_rss_mib", static_cast<double>(r.peakKib) / 1024}});
+            halyx_bench::printFigure("hex_to_bin", {{"tool", who},
+                                                    {"payload_mib", mib},
+                                                    {"input_mb", inputMb},
+                                                    {"seconds", r.seconds},
+                                                    {"payload_mib_per_s", mib / r.seconds},
+                                                    {"input_mb_per_s", inputMb / r.seconds},
+                                                    {"peak_rss_mib", static_cast<double>(r.peakKib) / 1024}});
         };
         figure("halyx image convert", ours);
         figure("srec_cat", peer);
         const double speedup = peer.seconds / ours.seconds;
-        line({{"benchmark", "hex_to_bin_throughput_ratio"},
-              {"value", speedup},
-              {"peer", "srec_cat"},
-              {"bound", ">= 2.0"},
-              {"met", speedup >= 2.0}});
+        halyx_bench::printFigure("hex_to_bin_throughput_ratio",
+                                 {{"value", speedup}, {"peer", "srec_cat"}, {"bound", ">= 2.0"}, {"met", speedup >= 2.0}});
         const double memory = static_cast<double>(ours.peakKib) * 1024 / static_cast<double>(kPayload);
-        line({{"benchmark", "hex_to_bin_peak_memory_per_payload"},
-              {"value", memory},
-              {"peer_value", static_cast<double>(peer.peakKib) * 1024 / static_cast<double>(kPayload)},
-              {"bound", "<= 2.5"},
-              {"met", memory <= 2.5}});
+        halyx_bench::printFigure(
+            "hex_to_bin_peak_memory_per_payload",
+            {{"value", memory},
+             {"peer_value", static_cast<double>(peer.peakKib) * 1024 / static_cast<double>(kPayload)},
+             {"bound", "<= 2.5"},
+             {"met", memory <= 2.5}});
     } catch (const std::exception& e) {
         std::fprintf(stderr, "hex_convert_bench: %s\n", e.what());
         status = 1;

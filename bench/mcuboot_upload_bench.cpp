@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_json.hpp"
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/smp_client.hpp"
 #include "mcuboot/smp_uart_transport.hpp"
@@ -64,15 +65,21 @@ int measure(const Setup& setup, const std::vector<uint8_t>& payload)
     const double payload_rate = static_cast<double>(payload.size()) / seconds;
     const double bound_rate = static_cast<double>(payload.size()) / bound_seconds;
     const auto sizes = client.currentChunkSizes();
-    std::printf("{\"bench\":\"mcuboot_upload\",\"baud\":%u,\"limits\":\"%s\",\"chunk_first\":%u,\"chunk_following\":%u,"
-                "\"payload_bytes\":%zu,\"wire_bytes\":%zu,\"chunks\":%zu,\"seconds\":%.3f,"
-                "\"payload_rate_Bps\":%.0f,\"bound_rate_Bps\":%.0f,\"fraction_of_bound\":%.4f,\"resends\":%zu}\n",
-                setup.baud,
-                setup.frameMax ? (std::to_string(*setup.frameMax) + "/" + std::to_string(*setup.packMax)).c_str()
-                               : "defaults 500/65535",
-                sizes.first, sizes.following, payload.size(), wire, after.uploads - before.uploads, seconds,
-                payload_rate, bound_rate, payload_rate / bound_rate, after.repeatedChunks - before.repeatedChunks);
-    std::fflush(stdout);
+    halyx_bench::printFigure(
+        "mcuboot_upload",
+        {{"baud", setup.baud},
+         {"limits", setup.frameMax ? std::to_string(*setup.frameMax) + "/" + std::to_string(*setup.packMax)
+                                   : "defaults 500/65535"},
+         {"chunk_first", sizes.first},
+         {"chunk_following", sizes.following},
+         {"payload_bytes", payload.size()},
+         {"wire_bytes", wire},
+         {"chunks", after.uploads - before.uploads},
+         {"seconds", seconds},
+         {"payload_rate_Bps", payload_rate},
+         {"bound_rate_Bps", bound_rate},
+         {"fraction_of_bound", payload_rate / bound_rate},
+         {"resends", after.repeatedChunks - before.repeatedChunks}});
     return 0;
 }
 

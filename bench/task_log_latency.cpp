@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_json.hpp"
 #include "core/context.hpp"
 #include "core/logging.hpp"
 
@@ -23,9 +24,11 @@ void report(const char* name, std::vector<double> micros, double bound_us)
     std::sort(micros.begin(), micros.end());
     const double median = micros[micros.size() / 2];
     const double p99 = micros[micros.size() * 99 / 100];
-    std::printf("{\"benchmark\":\"%s\",\"samples\":%zu,\"median_us\":%.1f,\"p99_us\":%.1f,\"bound_us\":%.0f,"
-                "\"median_to_bound\":%.3f}\n",
-                name, micros.size(), median, p99, bound_us, median / bound_us);
+    halyx_bench::printFigure(name, {{"samples", micros.size()},
+                                    {"median_us", median},
+                                    {"p99_us", p99},
+                                    {"bound_us", bound_us},
+                                    {"median_to_bound", median / bound_us}});
 }
 
 std::vector<double> taskRoundTrips(halyx_context* context, int samples)

@@ -11,6 +11,7 @@
 #include <functional>
 #include <vector>
 
+#include "bench_json.hpp"
 #include "halyx.h"
 #include "kit.hpp"
 #include "testbed.hpp"
@@ -122,12 +123,15 @@ int main()
         halyx_release_context(context);
 
         const double bound_ms = 3 * floor_ms + requests_ms;
-        std::printf("{\"benchmark\":\"halyx_enumerate\",\"kits\":%u,\"devices_listed\":%zu,\"median_ms\":%.3f,"
-                    "\"per_kit_ms\":%.3f,\"floor_libusb_libudev_ms\":%.3f,\"vendor_requests_ms\":%.3f,"
-                    "\"bound_ms\":%.3f,\"bound\":\"3x floor + vendor requests\",\"within_bound\":%s}\n",
-                    kits, listed, enumerate_ms, enumerate_ms / kits, floor_ms, requests_ms, bound_ms,
-                    enumerate_ms <= bound_ms ? "true" : "false");
-        std::fflush(stdout);
+        halyx_bench::printFigure("halyx_enumerate", {{"kits", kits},
+                                                     {"devices_listed", listed},
+                                                     {"median_ms", enumerate_ms},
+                                                     {"per_kit_ms", enumerate_ms / kits},
+                                                     {"floor_libusb_libudev_ms", floor_ms},
+                                                     {"vendor_requests_ms", requests_ms},
+                                                     {"bound_ms", bound_ms},
+                                                     {"bound", "3x floor + vendor requests"},
+                                                     {"within_bound", enumerate_ms <= bound_ms}});
     }
     return 0;
 }

@@ -1,15 +1,13 @@
 #include "image/firmware_loader.hpp"
 
-#include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <iterator>
-#include <span>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "core/halyx_exception.hpp"
+#include "image/firmware_format.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
 
@@ -23,35 +21,15 @@ std::span<const uint8_t> bytesOf(const std::string& data)
     return {reinterpret_cast<const uint8_t*>(data.data()), data.size()};
 }
 
-bool endsWithBin(const std::string& name)
-{
-    if (name.size() < 4) {
-        return false;
-    }
-    std::string suffix = name.substr(name.size() - 4);
-    std::transform(suffix.begin(), suffix.end(), suffix.begin(),
-                   [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
-    return suffix == ".bin";
-}
-
 BinaryImage packageItem(const ZipArchive& package, const PackageManifest::Item& item, const std::string& name)
 {
     const auto bytes = package.read(item.file());
-    if (endsWithBin(item.file())) {
-        const auto address = item.number("load_address");
-        if (!address) {
-            throw HALYXException(HALYX_ERR_MANIFEST, "load_address key missing");
-        }
-        if (*address + bytes.size() > uint64_t{1} << 32) {
-            throw BinaryImage::memory_error(
-                fmt::format("{} does not fit below 4 GiB at its load_address 0x{:X}.", name, *address));
-        }
-        return BinaryImage::fromBytes(bytes, static_cast<uint32_t>(*address));
+    const auto format = packageEntryFormat(item.file(), bytes);
+    const auto address = format == HALYX_FW_FORMAT_BINARY ? item.number("load_address") : std::optional<uint64_t>{0};
+    if (!address) {
+        throw HALYXException(HALYX_ERR_MANIFEST, "load_address key missing");
     }
-    if (bytes.size() >= 4 && std::memcmp(bytes.data(), "\x7f" "ELF", 4) == 0) {
-        return BinaryImage::fromElf(bytes, name);
-    }
-    return BinaryImage::fromHex(bytes, name);
+    return loadImageBytes(bytes, format, name, *address);
 }
 
 BinaryImage package(const halyx_firmware& firmware)
@@ -82,28 +60,44 @@ std::vector<uint8_t> readFile(const std::string& path)
 
 } // namespace
 
+BinaryImage loadImageBytes(std::span<const uint8_t> bytes, halyx_fw_format_t format, const std::string& name,
+                           uint64_t binaryAddress)
+{
+    switch (format) {
+    case HALYX_FW_FORMAT_INTEL_HEX:
+        return BinaryImage::fromHex(bytes, name);
+    case HALYX_FW_FORMAT_ELF:
+        return BinaryImage::fromElf(bytes, name);
+    case HALYX_FW_FORMAT_BINARY:
+        if (bytes.empty()) {
+            throw BinaryImage::file_error(fmt::format("BinaryImage {} is empty.", name));
+        }
+        if (binaryAddress > UINT32_MAX || binaryAddress + bytes.size() > uint64_t{1} << 32) {
+            throw BinaryImage::memory_error(fmt::format("{}: {} bytes do not fit below 4 GiB at address 0x{:08X}.",
+                                                        name, bytes.size(), binaryAddress));
+        }
+        return BinaryImage::fromBytes(bytes, static_cast<uint32_t>(binaryAddress));
+    default:
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             fmt::format("{} is not a HEX, ELF or binary image (format {}).", name,
+                                         static_cast<unsigned>(format)));
+    }
+}
+
 BinaryImage loadFirmwareImage(const halyx_firmware& firmware, uint32_t binaryAddress)
 {
+    const std::string name = firmware.isFile() ? firmware.data : kBufferName;
     switch (firmware.format) {
     case HALYX_FW_FORMAT_INTEL_HEX:
+        // Files are streamed: a large HEX file is never held as text.
         return firmware.isFile() ? BinaryImage::fromHexFile(firmware.data)
-                                 : BinaryImage::fromHex(bytesOf(firmware.data), kBufferName);
+                                 : loadImageBytes(bytesOf(firmware.data), HALYX_FW_FORMAT_INTEL_HEX, name, 0);
     case HALYX_FW_FORMAT_ELF:
         return firmware.isFile() ? BinaryImage::fromElfFile(firmware.data)
-                                 : BinaryImage::fromElf(bytesOf(firmware.data), kBufferName);
-    case HALYX_FW_FORMAT_BINARY: {
-        const auto bytes = firmware.isFile() ? readFile(firmware.data) : std::vector<uint8_t>(firmware.data.begin(),
-                                                                                              firmware.data.end());
-        if (bytes.empty()) {
-            throw BinaryImage::file_error(
-                fmt::format("BinaryImage {} is empty.", firmware.isFile() ? firmware.data : kBufferName));
-        }
-        if (binaryAddress + uint64_t{bytes.size()} > uint64_t{1} << 32) {
-            throw BinaryImage::memory_error(fmt::format("{} bytes do not fit below 4 GiB at address 0x{:08X}.",
-                                                        bytes.size(), binaryAddress));
-        }
-        return BinaryImage::fromBytes(bytes, binaryAddress);
-    }
+                                 : loadImageBytes(bytesOf(firmware.data), HALYX_FW_FORMAT_ELF, name, 0);
+    case HALYX_FW_FORMAT_BINARY:
+        return firmware.isFile() ? loadImageBytes(readFile(firmware.data), HALYX_FW_FORMAT_BINARY, name, binaryAddress)
+                                 : loadImageBytes(bytesOf(firmware.data), HALYX_FW_FORMAT_BINARY, name, binaryAddress);
     case HALYX_FW_FORMAT_ZIP:
         return package(firmware);
     case HALYX_FW_FORMAT_MODEM_PACKAGE:

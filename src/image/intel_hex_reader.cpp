@@ -139,7 +139,8 @@ void IntelHexReader::line(std::string_view text)
 {
     ++lineNumber_;
     const std::string_view content = trim(text);
-    if (content.empty()) {
+    // Only records count; tools put comments and banners on lines of their own.
+    if (content.empty() || content.front() != ':') {
         return;
     }
     if (ended_) {
@@ -156,9 +157,6 @@ void IntelHexReader::line(std::string_view text)
 void IntelHexReader::record(std::string_view text)
 {
     using format_error = BinaryImage::format_error;
-    if (text.front() != ':') {
-        throw format_error("Line does not start with ':'.");
-    }
     const std::string_view body = text.substr(1);
     for (char c : body) {
         if (nibble(c) == kNotHex) {

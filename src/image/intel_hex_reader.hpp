@@ -16,6 +16,8 @@ namespace HALYX {
 // address of the data records that follow (segment base x 16, linear base x
 // 65536); 03 and 05 carry the start address. Data records that continue the
 // previous one extend its segment, so a typical file becomes a few segments.
+// Lines that do not begin with ':' (after tabs and CRs) are not records and
+// are skipped.
 //
 // Any failure is thrown at once; the image being filled must then be thrown
 // away. One reader per image, used by one thread.

@@ -100,17 +100,12 @@ const std::vector<std::string>& ZipArchive::entries() const
 std::optional<size_t> ZipArchive::find(std::string_view name) const
 {
     const auto& names = state_->names;
-    for (size_t i = 0; i < names.size(); ++i) {
-        if (names[i] == name) {
-            return i;
-        }
+    const auto found =
+        std::ranges::find_if(names, [&](const std::string& entry) { return entry.find(name) != std::string::npos; });
+    if (found == names.end()) {
+        return std::nullopt;
     }
-    for (size_t i = 0; i < names.size(); ++i) {
-        if (names[i].find(name) != std::string::npos) {
-            return i;
-        }
-    }
-    return std::nullopt;
+    return static_cast<size_t>(found - names.begin());
 }
 
 std::vector<uint8_t> ZipArchive::read(std::string_view name) const

@@ -39,8 +39,9 @@ public:
 
     // Entry names in archive order.
     const std::vector<std::string>& entries() const;
-    // The entry named exactly name, else the first whose name contains it
-    // (so "manifest.json" also finds "pkg/manifest.json").
+    // The first entry, in archive order, whose name contains name, so
+    // "manifest.json" also finds "pkg/manifest.json"; an exact match further
+    // on does not win over it.
     std::optional<size_t> find(std::string_view name) const;
     // The bytes of the entry find() picks: code 10 "file not found in zip: {}"
     // when there is none, 18 "file decompression failed: {}" when it cannot

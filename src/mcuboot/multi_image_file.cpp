@@ -1,12 +1,13 @@
 #include "mcuboot/multi_image_file.hpp"
 
-#include <algorithm>
 #include <limits>
 
 #include <fmt/format.h>
 
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
+#include "image/firmware_format.hpp"
+#include "image/firmware_loader.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
 #include "mcuboot/binary_file.hpp"
@@ -14,16 +15,6 @@
 
 namespace HALYX::MCUBOOT {
 namespace {
-
-bool isHexName(std::string name)
-{
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
-    auto endsWith = [&](std::string_view suffix) {
-        return name.size() >= suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
-    };
-    return endsWith(".hex") || endsWith(".ihex");
-}
 
 std::optional<uint32_t> number32(const PackageManifest::Item& item, std::string_view key)
 {
@@ -51,8 +42,10 @@ PackageImage entry(const ZipArchive& archive, const PackageManifest::Item& item)
     image.board = item.text("board").value_or("");
 
     auto bytes = archive.read(item.file());
-    if (isHexName(item.file())) {
-        image.image = KeilHexFile::fromBuffer(bytes, item.file());
+    const auto format = packageEntryFormat(item.file(), bytes);
+    if (format != HALYX_FW_FORMAT_BINARY) {
+        // HEX and ELF both become a memory image; its lowest address is where it goes.
+        image.image = std::make_unique<KeilHexFile>(loadImageBytes(bytes, format, item.file(), 0));
         if (loadAddress) {
             image.image->setTargetAddress(*loadAddress);
         } else {

@@ -29,8 +29,9 @@ struct PackageImage {
     std::optional<uint64_t> modtime;           // "modtime"; informational
     std::string type;                          // "type"; informational
     std::string board;                         // "board"; informational
-    // The bytes; its target address is loadAddress (for a HEX entry without
-    // "load_address", the lowest address in it).
+    // The bytes; its target address is loadAddress (for a HEX or ELF entry
+    // without "load_address", the lowest address in it). packageEntryFormat
+    // decides an entry's kind, as for every other reader of packages.
     std::unique_ptr<ImageFile> image;
 };
 

@@ -4,6 +4,8 @@
 #include <mutex>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 namespace halyx_tool {
 namespace {
 
@@ -72,10 +74,14 @@ void printEvent(halyx_context*, const halyx_device_event_t* event, void*)
 {
     static const char* const names[] = {"arrived", "left", "updated"};
     const char* name = event->type <= HALYX_DEVICE_EVENT_UPDATED ? names[event->type] : "unknown";
+    nlohmann::ordered_json line{{"event", name}, {"id", event->device_id}, {"device", nullptr}};
+    if (event->device != nullptr && event->device->json != nullptr) {
+        // Runs on a library thread, where nothing may throw: text that does not parse is passed on as text.
+        auto device = nlohmann::ordered_json::parse(event->device->json, nullptr, false);
+        line["device"] = device.is_discarded() ? nlohmann::ordered_json(event->device->json) : std::move(device);
+    }
     std::lock_guard lock(output_mutex);
-    std::printf("{\"event\":\"%s\",\"id\":%llu,\"device\":%s}\n", name,
-                static_cast<unsigned long long>(event->device_id),
-                event->device != nullptr && event->device->json != nullptr ? event->device->json : "null");
+    std::printf("%s\n", line.dump().c_str());
     std::fflush(stdout);
 }
 

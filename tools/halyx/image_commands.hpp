@@ -1,14 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
-#include <vector>
 
 namespace halyx_tool {
 
-// "halyx image info FILE [--json] [--base ADDRESS]" and
-// "halyx image convert IN OUT [--base ADDRESS]"; args follow "image".
-// Works on files only, without a context. Returns the exit status: 0, 1 for
-// a file that was refused (its message on stderr), 2 for a usage error.
-int image(const std::vector<std::string>& args);
+// "halyx image info" and "halyx image convert": files only, no context; a raw
+// binary is placed at base. Return the exit status: 0, or 1 for a file that
+// was refused (its message on stderr, nothing written).
+int imageInfo(const std::string& path, bool json, uint32_t base);
+int imageConvert(const std::string& in, const std::string& out, uint32_t base);
 
 } // namespace halyx_tool

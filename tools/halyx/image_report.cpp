@@ -1,15 +1,10 @@
 #include "image_report.hpp"
 
-#include <algorithm>
-#include <array>
-#include <cstring>
-#include <fstream>
-#include <stdexcept>
-
 #include <fmt/format.h>
 
 #include "core/firmware.hpp"
 #include "image/binary_image.hpp"
+#include "image/firmware_format.hpp"
 #include "image/firmware_loader.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
@@ -23,18 +18,6 @@ using HALYX::BinaryImage;
 using nlohmann::ordered_json;
 using Bytes = std::vector<uint8_t>;
 
-std::string lowercase(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); });
-    return text;
-}
-
-bool startsWith(const Bytes& bytes, std::string_view prefix)
-{
-    return bytes.size() >= prefix.size() && std::memcmp(bytes.data(), prefix.data(), prefix.size()) == 0;
-}
-
 bool hasMcubootMagic(std::span<const uint8_t> bytes)
 {
     if (bytes.size() < 4) {
@@ -43,37 +26,6 @@ bool hasMcubootMagic(std::span<const uint8_t> bytes)
     const uint32_t magic = uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
                            uint32_t{bytes[3]} << 24;
     return magic == HALYX::MCUBOOT::ImageHeader::kMagic || magic == HALYX::MCUBOOT::ImageHeader::kMagicV1;
-}
-
-halyx_fw_format_t formatOf(const std::string& name, const Bytes& head)
-{
-    const std::string extension = lowercase(std::filesystem::path(name).extension().string());
-    if (extension == ".hex" || extension == ".ihex") {
-        return HALYX_FW_FORMAT_INTEL_HEX;
-    }
-    if (extension == ".elf" || extension == ".axf" || extension == ".out") {
-        return HALYX_FW_FORMAT_ELF;
-    }
-    if (extension == ".bin") {
-        return HALYX_FW_FORMAT_BINARY;
-    }
-    if (extension == ".zip") {
-        return HALYX_FW_FORMAT_ZIP;
-    }
-    if (startsWith(head, "\x7f" "ELF")) {
-        return HALYX_FW_FORMAT_ELF;
-    }
-    if (startsWith(head, "PK\x03\x04")) {
-        return HALYX_FW_FORMAT_ZIP;
-    }
-    if (hasMcubootMagic(head)) {
-        return HALYX_FW_FORMAT_BINARY;
-    }
-    if (startsWith(head, ":") || startsWith(head, "\xEF\xBB\xBF:")) {
-        return HALYX_FW_FORMAT_INTEL_HEX;
-    }
-    throw std::runtime_error(
-        fmt::format("Cannot tell the format of {}; name it .hex, .elf, .bin or .zip.", name));
 }
 
 const char* formatName(halyx_fw_format_t format)
@@ -147,12 +99,12 @@ void describeImage(ordered_json& out, const BinaryImage& image)
     }
 }
 
-// A HEX or binary file whose first bytes are an MCUboot header is described as one.
+// An image whose first bytes are an MCUboot header is described as one.
 void addMcuboot(ordered_json& out, halyx_fw_format_t format, const BinaryImage& image, const Bytes& raw)
 {
     if (format == HALYX_FW_FORMAT_BINARY && hasMcubootMagic(raw)) {
         out["mcuboot"] = mcuboot(HALYX::MCUBOOT::BinaryFile(raw));
-    } else if (format == HALYX_FW_FORMAT_INTEL_HEX && hasMcubootMagic(image.segment(0).bytes)) {
+    } else if (format != HALYX_FW_FORMAT_BINARY && hasMcubootMagic(image.segment(0).bytes)) {
         out["mcuboot"] = mcuboot(HALYX::MCUBOOT::KeilHexFile(image));
     }
 }
@@ -161,48 +113,25 @@ ordered_json packageEntry(const HALYX::ZipArchive& archive, const HALYX::Package
                           const std::string& packageName)
 {
     const auto bytes = archive.read(item.file());
-    const auto format = formatOf(item.file(), bytes);
+    const auto format = HALYX::packageEntryFormat(item.file(), bytes);
     ordered_json out;
     out["file"] = item.file();
     out["format"] = formatName(format);
     out["fileSize"] = bytes.size();
     out["item"] = item.fields();
-    const std::string name = packageName + "/" + item.file();
-    std::optional<BinaryImage> image;
-    if (format == HALYX_FW_FORMAT_INTEL_HEX) {
-        image = BinaryImage::fromHex(bytes, name);
-    } else if (format == HALYX_FW_FORMAT_ELF) {
-        image = BinaryImage::fromElf(bytes, name);
-    } else if (format == HALYX_FW_FORMAT_BINARY && !bytes.empty()) {
-        const auto address = item.number("load_address").value_or(0);
-        image = BinaryImage::fromBytes(bytes, static_cast<uint32_t>(address));
-    } else {
-        throw std::runtime_error(fmt::format("{} cannot be described: it is empty or not a firmware file.", name));
-    }
-    describeImage(out, *image);
-    addMcuboot(out, format, *image, bytes);
+    // Unlike programming, a description does not need to know where a binary goes.
+    const auto address = format == HALYX_FW_FORMAT_BINARY ? item.number("load_address").value_or(0) : 0;
+    const auto image = HALYX::loadImageBytes(bytes, format, packageName + "/" + item.file(), address);
+    describeImage(out, image);
+    addMcuboot(out, format, image, bytes);
     return out;
-}
-
-Bytes head(const std::filesystem::path& path, size_t count)
-{
-    auto input = BinaryImage::openFile(path);
-    Bytes bytes(count);
-    input.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(count));
-    bytes.resize(static_cast<size_t>(input.gcount()));
-    return bytes;
 }
 
 } // namespace
 
-halyx_fw_format_t firmwareFormat(const std::filesystem::path& path)
-{
-    return formatOf(path.string(), head(path, 4));
-}
-
 nlohmann::ordered_json describeImageFile(const std::filesystem::path& path, uint32_t binaryAddress)
 {
-    const auto format = firmwareFormat(path);
+    const auto format = HALYX::firmwareFileFormat(path);
     ordered_json out;
     out["file"] = path.string();
     out["format"] = formatName(format);

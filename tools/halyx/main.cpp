@@ -1,9 +1,13 @@
-// halyx: list, watch and inspect development kits from the command line.
+// halyx: list, watch, program and inspect development kits from the command line.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "commands.hpp"
 #include "image_commands.hpp"
@@ -11,29 +15,55 @@
 
 namespace {
 
-const char* const kUsage =
-    "usage: halyx [--log LEVEL] COMMAND\n"
-    "\n"
-    "commands:\n"
-    "  list [--json | --csv] [--filter TRAIT]...   list attached devices (a table by default)\n"
-    "  watch                                       print one JSON line per arrival, update or removal\n"
-    "                                              until interrupted\n"
-    "  plugins                                     the plugins this library has\n"
-    "  traits                                      the traits those plugins serve\n"
-    "  version                                     the library's modules and versions\n"
-    "  program [--serial SN | --id N] FILE [--json]\n"
-    "                                              program FILE (.hex, .bin, .zip, .elf) into a device; with\n"
-    "                                              --json one JSON line per progress report\n"
-    "  image info FILE [--json]                    describe a firmware file (HEX, ELF, BIN, zip package)\n"
-    "  image convert IN OUT                        convert a firmware file to OUT.hex or OUT.bin\n"
-    "\n"
-    "options:\n"
-    "  --log LEVEL   print the library's log lines to stderr, LEVEL 0 (trace) to 5 (critical)\n";
+const char* const kFirmwareFiles =
+    "Firmware files: Intel HEX (.hex, .ihex), ELF (.elf, .axf, .out), raw binary (.bin) or a zip package\n"
+    "with a manifest.json (.zip). Other names are recognised by their first bytes; a raw binary must be\n"
+    "named .bin.";
 
-int usage(const char* problem)
+// An unsigned number written as C writes it (decimal, 0x hex, 0 octal) up to max.
+CLI::Validator unsignedUpTo(uint64_t max, const std::string& what)
 {
-    std::fprintf(stderr, "halyx: %s\n\n%s", problem, kUsage);
-    return 2;
+    return CLI::Validator(
+        [max, what](std::string& text) -> std::string {
+            try {
+                size_t used = 0;
+                const unsigned long long value = std::stoull(text, &used, 0);
+                if (used == text.size() && text[0] != '-' && value <= max) {
+                    return {};
+                }
+            } catch (const std::exception&) {
+            }
+            return text + " is not " + what;
+        },
+        "");
+}
+
+// A usage error found after parsing, reported as CLI11 reports its own.
+class UsageError : public CLI::ParseError {
+public:
+    explicit UsageError(std::string message)
+        : ParseError("UsageError", std::move(message), CLI::ExitCodes::ExtrasError)
+    {
+    }
+};
+
+// The error line names the command it is about; its usage follows.
+std::string failureMessage(const CLI::App* app, const CLI::Error& error)
+{
+    const CLI::App* command = app;
+    std::string path = app->get_name();
+    // Ours are about the command line as a whole.
+    const bool whole = dynamic_cast<const UsageError*>(&error) != nullptr;
+    while (!whole && !command->get_subcommands().empty()) {
+        command = command->get_subcommands().front();
+        path += " " + command->get_name();
+    }
+    std::string problem = error.what();
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
+        problem = fmt::format("unexpected argument for '{}': {}", command->get_name(),
+                              fmt::join(command->remaining(), " "));
+    }
+    return fmt::format("{}: {}\n\n{}", path, problem, command->help());
 }
 
 void printLog(uint32_t, const char* message, void*)
@@ -41,67 +71,14 @@ void printLog(uint32_t, const char* message, void*)
     std::fprintf(stderr, "%s\n", message);
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int runWithContext(CLI::App& app, int logLevel, halyx_tool::ListFormat format, const std::vector<std::string>& filter,
+                   const halyx_tool::ProgramRequest& programRequest)
 {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    int log_level = -1;
-    if (args.size() >= 2 && args[0] == "--log") {
-        char* end = nullptr;
-        const long level = std::strtol(args[1].c_str(), &end, 10);
-        if (*end != '\0' || level < 0 || level > 5) {
-            return usage("--log takes a level from 0 to 5");
-        }
-        log_level = static_cast<int>(level);
-        args.erase(args.begin(), args.begin() + 2);
-    }
-    if (args.empty() || args[0] == "--help" || args[0] == "-h") {
-        std::fputs(kUsage, args.empty() ? stderr : stdout);
-        return args.empty() ? 2 : 0;
-    }
-
-    const std::string command = args[0];
-    if (command == "image") {
-        return halyx_tool::image(std::vector<std::string>(args.begin() + 1, args.end()));
-    }
-    halyx_tool::ListFormat format = halyx_tool::ListFormat::Table;
-    std::vector<std::string> filter;
-    halyx_tool::ProgramRequest program_request;
-    for (size_t i = 1; i < args.size(); ++i) {
-        if (command == "program" && args[i] == "--json") {
-            program_request.json = true;
-        } else if (command == "program" && args[i] == "--serial" && i + 1 < args.size()) {
-            program_request.serialNumber = args[++i];
-        } else if (command == "program" && args[i] == "--id" && i + 1 < args.size()) {
-            char* end = nullptr;
-            program_request.id = std::strtoull(args[++i].c_str(), &end, 10);
-            if (*end != '\0') {
-                return usage("--id takes a device id");
-            }
-        } else if (command == "program" && args[i].rfind("--", 0) != 0 && program_request.file.empty()) {
-            program_request.file = args[i];
-        } else if (command == "list" && args[i] == "--json") {
-            format = halyx_tool::ListFormat::Json;
-        } else if (command == "list" && args[i] == "--csv") {
-            format = halyx_tool::ListFormat::Csv;
-        } else if (command == "list" && args[i] == "--filter" && i + 1 < args.size()) {
-            filter.push_back(args[++i]);
-        } else {
-            return usage(("unexpected argument for '" + command + "': " + args[i]).c_str());
-        }
-    }
-
-    if (command == "program" && program_request.file.empty()) {
-        return usage("program needs a FILE");
-    }
-    if (command == "program" && program_request.id && program_request.serialNumber) {
-        return usage("program takes --serial or --id, not both");
-    }
+    const auto chosen = [&](const char* name) { return app.got_subcommand(name); };
 
     // Before the context exists, so that none of the library's threads takes Ctrl-C.
     halyx_tool::StopSignal stop;
-    if (command != "watch" && command != "program") {
+    if (!chosen("watch") && !chosen("program")) {
         stop.onSignal([](int signal) { std::_Exit(128 + signal); });
     }
 
@@ -114,26 +91,23 @@ int main(int argc, char** argv)
 
     int status = 0;
     try {
-        if (log_level >= 0) {
+        if (logLevel >= 0) {
             halyx_tool::check(context, halyx_register_log_event(context, printLog, nullptr), "halyx_register_log_event");
-            halyx_tool::check(context, halyx_set_log_level(context, static_cast<uint32_t>(log_level)),
+            halyx_tool::check(context, halyx_set_log_level(context, static_cast<uint32_t>(logLevel)),
                               "halyx_set_log_level");
         }
-        if (command == "list") {
+        if (chosen("list")) {
             status = halyx_tool::list(context, format, filter);
-        } else if (command == "watch") {
+        } else if (chosen("watch")) {
             status = halyx_tool::watch(context, stop);
-        } else if (command == "plugins") {
+        } else if (chosen("plugins")) {
             status = halyx_tool::plugins(context);
-        } else if (command == "traits") {
+        } else if (chosen("traits")) {
             status = halyx_tool::traits(context);
-        } else if (command == "version") {
+        } else if (chosen("version")) {
             status = halyx_tool::version(context);
-        } else if (command == "program") {
-            status = halyx_tool::program(context, program_request, stop);
-        } else {
-            halyx_release_context(context);
-            return usage(("unknown command: " + command).c_str());
+        } else if (chosen("program")) {
+            status = halyx_tool::program(context, programRequest, stop);
         }
     } catch (const halyx_tool::Failure& failure) {
         std::fprintf(stderr, "halyx: error %u: %s\n", static_cast<unsigned>(failure.code), failure.message.c_str());
@@ -144,4 +118,102 @@ int main(int argc, char** argv)
         status = 1;
     }
     return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("List, watch, program and inspect development kits.", "halyx");
+    app.failure_message(failureMessage);
+    app.require_subcommand(0, 1); // "halyx list version" is one command too many, not two
+
+    int logLevel = -1;
+    app.add_option("--log", logLevel, "Print the library's log lines to stderr, LEVEL 0 (trace) to 5 (critical)")
+        ->option_text("LEVEL")
+        ->check(CLI::Range(0, 5));
+
+    auto* list = app.add_subcommand("list", "List attached devices (a table by default)");
+    bool listJson = false;
+    bool listCsv = false;
+    std::vector<std::string> filter;
+    auto* json = list->add_flag("--json", listJson, "One JSON document");
+    list->add_flag("--csv", listCsv, "CSV with a header line")->excludes(json);
+    list->add_option("--filter", filter, "Only devices with this trait; repeat for more")
+        ->option_text("TRAIT")
+        ->type_size(1)
+        ->allow_extra_args(false);
+
+    app.add_subcommand("watch", "Print one JSON line per arrival, update or removal until interrupted");
+    app.add_subcommand("plugins", "The plugins this library has");
+    app.add_subcommand("traits", "The traits those plugins serve");
+    app.add_subcommand("version", "The library's modules and versions");
+
+    auto* program = app.add_subcommand("program", "Program a firmware file into a device");
+    halyx_tool::ProgramRequest programRequest;
+    std::string serialNumber;
+    uint64_t id = 0;
+    auto* serialOption = program->add_option("--serial", serialNumber, "The device with this serial number")
+                             ->option_text("SN");
+    auto* idOption = program->add_option("--id", id, "The device with this id (see 'halyx list')")
+                         ->option_text("N")
+                         ->check(unsignedUpTo(std::numeric_limits<uint64_t>::max(), "a device id"))
+                         ->excludes(serialOption);
+    program->add_option("FILE", programRequest.file, "The firmware file")->required();
+    program->add_flag("--json", programRequest.json, "One JSON line per progress report instead of a bar");
+    program->footer("Without --serial or --id, the only programmable device attached.\n" + std::string(kFirmwareFiles));
+
+    auto* image = app.add_subcommand("image", "Describe or convert a firmware file, without a device");
+    image->require_subcommand(1);
+    image->footer(kFirmwareFiles);
+    std::string imageFile;
+    std::string imageOut;
+    bool imageJson = false;
+    uint32_t base = 0;
+    const auto baseCheck = unsignedUpTo(std::numeric_limits<uint32_t>::max(), "an address from 0 to 0xFFFFFFFF");
+    const char* const baseHelp = "Where a raw binary is placed (default 0)";
+    auto* info = image->add_subcommand("info", "Describe a firmware file: segments, start address, MCUboot header");
+    info->add_option("FILE", imageFile, "The firmware file")->required();
+    info->add_flag("--json", imageJson, "One JSON object");
+    info->add_option("--base", base, baseHelp)->option_text("ADDRESS")->check(baseCheck);
+    auto* convert = image->add_subcommand("convert", "Convert a firmware file to Intel HEX or raw binary");
+    convert->add_option("IN", imageFile, "The firmware file")->required();
+    convert->add_option("OUT", imageOut, "OUT.hex: Intel HEX; OUT.bin: lowest to highest address, gaps 0xFF")
+        ->required();
+    convert->add_option("--base", base, baseHelp)->option_text("ADDRESS")->check(baseCheck);
+
+    // Set last: sub-commands copy these when they are made; they must not accept strays.
+    app.allow_extras();
+    app.footer(kFirmwareFiles);
+    try {
+        app.parse(argc, argv);
+        if (!app.remaining().empty()) {
+            const std::string first = app.remaining().front();
+            throw UsageError(app.get_subcommands().empty() && !first.starts_with("-") ? "unknown command: " + first
+                                                                                      : "unexpected argument: " + first);
+        }
+        if (app.get_subcommands().empty()) {
+            throw UsageError("a command is needed");
+        }
+    } catch (const CLI::ParseError& error) {
+        const int status = app.exit(error);
+        return status == 0 ? 0 : 2;
+    }
+
+    if (*info) {
+        return halyx_tool::imageInfo(imageFile, imageJson, base);
+    }
+    if (*convert) {
+        return halyx_tool::imageConvert(imageFile, imageOut, base);
+    }
+    const auto format = listJson  ? halyx_tool::ListFormat::Json
+                        : listCsv ? halyx_tool::ListFormat::Csv
+                                  : halyx_tool::ListFormat::Table;
+    if (*serialOption) {
+        programRequest.serialNumber = serialNumber;
+    }
+    if (*idOption) {
+        programRequest.id = id;
+    }
+    return runWithContext(app, logLevel, format, filter, programRequest);
 }

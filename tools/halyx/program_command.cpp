@@ -2,52 +2,38 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "commands.hpp"
+#include "core/halyx_exception.hpp"
+#include "image/binary_image.hpp"
+#include "image/firmware_format.hpp"
 
 namespace halyx_tool {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-uint32_t formatFor(const std::string& file)
+// Decided as the library's readers decide it; a file that cannot be
+// identified fails like a refused call.
+uint32_t formatOf(const std::string& file)
 {
-    std::string name = file;
-    std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-    const auto ends = [&](const char* suffix) {
-        const std::string s(suffix);
-        return name.size() >= s.size() && name.compare(name.size() - s.size(), s.size(), s) == 0;
-    };
-    if (ends(".zip")) {
-        return HALYX_FW_FORMAT_ZIP;
+    try {
+        return HALYX::firmwareFileFormat(file);
+    } catch (const HALYX::HALYXException& e) {
+        throw Failure{e.code(), e.what()};
+    } catch (const HALYX::BinaryImage::error& e) {
+        throw Failure{HALYX_ERR_INVALID_ARGUMENT, e.what()};
     }
-    if (ends(".bin")) {
-        return HALYX_FW_FORMAT_BINARY;
-    }
-    if (ends(".elf") || ends(".axf") || ends(".out")) {
-        return HALYX_FW_FORMAT_ELF;
-    }
-    return HALYX_FW_FORMAT_INTEL_HEX;
-}
-
-std::string humanRate(double bytes_per_second)
-{
-    char text[32];
-    if (bytes_per_second >= 1024 * 1024) {
-        std::snprintf(text, sizeof text, "%.1f MiB/s", bytes_per_second / (1024 * 1024));
-    } else {
-        std::snprintf(text, sizeof text, "%.1f KiB/s", bytes_per_second / 1024);
-    }
-    return text;
 }
 
 // Everything the callbacks share with the waiting thread. Callbacks run on
@@ -56,8 +42,9 @@ struct ProgramState {
     bool json = false;
     bool terminal = false;
     std::mutex output_mutex;
-    Clock::time_point step_started = Clock::now();
     std::string step;
+    std::optional<double> step_number;
+    std::optional<std::pair<double, double>> step_start; // percentage and "duration" of the step's first record
     size_t line_width = 0;
 
     std::mutex result_mutex;
@@ -66,56 +53,61 @@ struct ProgramState {
     std::string message;
 };
 
-// "Uploaded 1024 of 4096 bytes." carries the byte counts of an upload.
-bool uploadedBytes(const std::string& message, unsigned long long& done, unsigned long long& total)
-{
-    return std::sscanf(message.c_str(), "Uploaded %llu of %llu bytes.", &done, &total) == 2;
-}
-
-// The first of the keys that holds text: plugins name their step differently
-// ("step" is a number in some records and the step's text in others).
-std::string textOf(const nlohmann::json& record, std::initializer_list<const char*> keys)
+// The first of the keys that holds a T (a string or a number): plugins name
+// their fields differently ("progressPercentage" or "percentage"), and "step"
+// is a number in some records and the step's text in others.
+template <typename T>
+std::optional<T> firstOf(const nlohmann::json& record, std::initializer_list<const char*> keys)
 {
     for (const char* key : keys) {
         const auto it = record.find(key);
-        if (it != record.end() && it->is_string()) {
-            return it->get<std::string>();
+        if (it != record.end() && (std::is_same_v<T, std::string> ? it->is_string() : it->is_number())) {
+            return it->get<T>();
         }
     }
-    return {};
+    return std::nullopt;
+}
+
+// The time a step still needs, from how fast its percentage has moved since
+// the step's first record (a step need not start at 0 %); "duration" is the
+// step's age in milliseconds.
+std::string timeLeft(ProgramState& state, double percentage, std::optional<double> duration)
+{
+    if (!duration) {
+        return {};
+    }
+    if (!state.step_start) {
+        state.step_start = {percentage, *duration};
+        return {};
+    }
+    const double moved = percentage - state.step_start->first;
+    if (moved <= 0 || percentage >= 100) {
+        return {};
+    }
+    const double per_percent_ms = (*duration - state.step_start->second) / moved;
+    const auto seconds = static_cast<long>(per_percent_ms * (100 - percentage) / 1000);
+    return fmt::format("{}:{:02} left", seconds / 60, seconds % 60);
 }
 
 void drawBar(ProgramState& state, const nlohmann::json& record)
 {
-    const auto percentage = record.value("progressPercentage", record.value("percentage", 0));
-    const auto description = textOf(record, {"description", "step"});
-    const auto message = textOf(record, {"message"});
-    if (description != state.step) {
+    const int percentage =
+        std::clamp(static_cast<int>(firstOf<double>(record, {"progressPercentage", "percentage"}).value_or(0)), 0, 100);
+    const auto description = firstOf<std::string>(record, {"description", "step"}).value_or("");
+    // A package uploads several images, each a step of the same description.
+    const auto number = firstOf<double>(record, {"step"});
+    if (description != state.step || number != state.step_number) {
         state.step = description;
-        state.step_started = Clock::now();
+        state.step_number = number;
+        state.step_start.reset();
     }
-    const double elapsed = std::chrono::duration<double>(Clock::now() - state.step_started).count();
-    std::string rate;
-    std::string left;
-    unsigned long long done = 0;
-    unsigned long long total = 0;
-    if (uploadedBytes(message, done, total) && elapsed > 0 && done > 0) {
-        const double per_second = static_cast<double>(done) / elapsed;
-        rate = humanRate(per_second);
-        const auto seconds = static_cast<long>(static_cast<double>(total - done) / per_second);
-        char text[32];
-        std::snprintf(text, sizeof text, "%ld:%02ld left", seconds / 60, seconds % 60);
-        left = text;
-    }
+    const auto left = timeLeft(state, percentage, firstOf<double>(record, {"duration"}));
     const int width = 30;
-    const int filled = std::clamp(percentage, 0, 100) * width / 100;
-    std::string line = "[" + std::string(static_cast<size_t>(filled), '#') +
-                       std::string(static_cast<size_t>(width - filled), '.') + "] ";
-    char pct[8];
-    std::snprintf(pct, sizeof pct, "%3d%%", std::clamp(percentage, 0, 100));
-    line += pct;
-    if (!rate.empty()) {
-        line += "  " + rate + "  " + left;
+    const int filled = percentage * width / 100;
+    std::string line = fmt::format("[{}{}] {:3}%", std::string(static_cast<size_t>(filled), '#'),
+                                   std::string(static_cast<size_t>(width - filled), '.'), percentage);
+    if (!left.empty()) {
+        line += "  " + left;
     }
     line += "  " + description;
     const size_t pad = state.line_width > line.size() ? state.line_width - line.size() : 0;
@@ -141,7 +133,7 @@ void onProgress(halyx_context*, uint64_t, const char* progress_json, void* user_
         drawBar(state, record);
         return;
     }
-    const auto description = textOf(record, {"description", "step"});
+    const auto description = firstOf<std::string>(record, {"description", "step"}).value_or("");
     if (description != state.step) {
         state.step = description;
         std::printf("%s\n", description.c_str());
@@ -204,12 +196,13 @@ uint64_t chooseDevice(halyx_context* context, const ProgramRequest& request)
 
 int program(halyx_context* context, const ProgramRequest& request, StopSignal& stop)
 {
+    const uint32_t format = formatOf(request.file);
     const uint64_t device = chooseDevice(context, request);
 
     halyx_firmware* firmware = nullptr;
     check(context,
           halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(request.file.c_str()), 0,
-                                 HALYX_FW_SOURCE_FILE, formatFor(request.file)),
+                                 HALYX_FW_SOURCE_FILE, format),
           "halyx_fw_create_handle");
 
     ProgramState state;

@@ -1,6 +1,7 @@
 #include "stop_signal.hpp"
 
 #include <csignal>
+#include <stdexcept>
 #include <pthread.h>
 #include <signal.h>
 
@@ -45,6 +46,9 @@ int StopSignal::wait()
 
 void StopSignal::onSignal(std::function<void(int)> handler)
 {
+    if (watcher_.joinable()) {
+        throw std::logic_error("StopSignal::onSignal: a handler is already set");
+    }
     watcher_ = std::thread([handler = std::move(handler)] {
         const auto signals = stopSignals();
         int received = 0;

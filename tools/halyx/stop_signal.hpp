@@ -20,7 +20,8 @@ public:
     int wait();
 
     // Calls handler with the signal, once, on a watcher thread of its own.
-    // The watcher ends with this object.
+    // The watcher ends with this object. One handler per object: a second
+    // call throws std::logic_error and leaves the first handler in place.
     void onSignal(std::function<void(int)> handler);
 
 private:

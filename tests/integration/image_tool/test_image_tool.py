@@ -155,7 +155,34 @@ class ImageTool(unittest.TestCase):
         check("zip", "-q", "-j", self.path("nomanifest.zip"), self.path("manifest.txt"))
         refused(["info", self.path("nomanifest.zip")], "halyx: error 10: file not found in zip: manifest.json")
         refused(["info", self.path("missing.hex")], "BinaryImage access error, could not open")
-        self.assertEqual(run(TOOL, "image", "convert", self.path("bad.hex")).returncode, 2)
+        # A raw binary must say so by its name; the same bytes named .bin are read.
+        with open(self.path("raw.img"), "wb") as f:
+            f.write(b"\x00\x10\x00\x20" * 4)
+        refused(["info", self.path("raw.img")], "Name a raw binary image .bin.")
+        os.rename(self.path("raw.img"), self.path("raw.bin"))
+        self.assertEqual(json.loads(check(TOOL, "image", "info", self.path("raw.bin"), "--json"))["size"], 16)
+
+    def test_contents_decide_for_names_that_do_not(self):
+        with open(self.path("firmware.txt"), "w") as f:
+            f.write(":0100100041AE\n; written by hand\n:00000001FF\n")
+        info = json.loads(check(TOOL, "image", "info", self.path("firmware.txt"), "--json"))
+        self.assertEqual((info["format"], info["segments"]), ("intel-hex", [{"address": 0x10, "size": 1}]))
+        check(TOOL, "image", "convert", self.path("firmware.txt"), self.path("out.bin"))
+        self.assertEqual(read(self.path("out.bin")), b"\x41")
+
+    def test_usage(self):
+        for command in (["info"], ["convert"], []):
+            result = run(TOOL, "image", *command, "--help")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertIn("Usage: halyx image " + " ".join(command), result.stdout)
+        for args, message in ((["convert", "in.hex"], "OUT is required"),
+                              (["info", "in.hex", "--bogus"], "unexpected argument for 'info': --bogus"),
+                              (["info", "in.hex", "--base", "0x100000000"],
+                               "--base: 0x100000000 is not an address from 0 to 0xFFFFFFFF"),
+                              (["convert", "in.hex", "out.bin", "--json"], "unexpected argument for 'convert': --json")):
+            result = run(TOOL, "image", *args)
+            self.assertEqual(result.returncode, 2, args)
+            self.assertIn(message, result.stderr)
 
 
 if __name__ == "__main__":

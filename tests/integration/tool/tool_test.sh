@@ -25,7 +25,23 @@ out=$("$tool" list --filter jlink 2>&1); expect "list prints a table" $? 0 "$out
 out=$("$tool" --log 1 list 2>&1); expect "--log shows library lines" $? 0 "$out" 'DeviceLister::enumerate: done'
 out=$(timeout --preserve-status -s INT 1 "$tool" watch 2>&1); expect "watch with nothing attached prints nothing and ends on Ctrl-C" $? 0 "$out" '^$'
 out=$("$tool" frobnicate 2>&1); expect "unknown command" $? 2 "$out" 'unknown command: frobnicate'
+out=$("$tool" 2>&1); expect "no command" $? 2 "$out" 'a command is needed'
 out=$("$tool" list --bogus 2>&1); expect "unknown option" $? 2 "$out" "unexpected argument for 'list': --bogus"
+out=$("$tool" list --json --csv 2>&1); expect "list takes one format" $? 2 "$out" '--json excludes --csv'
+out=$("$tool" list version 2>&1); expect "one command at a time" $? 2 "$out" "unexpected argument for 'list': version"
+out=$("$tool" --log 6 list 2>&1); expect "--log out of range" $? 2 "$out" '--log: Value 6 not in range 0 to 5'
+out=$("$tool" program --bogus app.bin 2>&1); expect "program: unknown option" $? 2 "$out" "unexpected argument for 'program': --bogus"
+out=$("$tool" program --id 3 --serial X app.bin 2>&1); expect "program: one device choice" $? 2 "$out" 'excludes'
+out=$("$tool" program --id three app.bin 2>&1); expect "program: bad id" $? 2 "$out" '--id: three is not a device id'
+out=$("$tool" program 2>&1); expect "program needs a file" $? 2 "$out" 'FILE is required'
+out=$("$tool" program /nonexistent/app.bin 2>&1); expect "program: missing file" $? 1 "$out" 'could not open /nonexistent/app.bin'
+
+# Every command answers --help on stdout with its usage.
+for command in "" list watch plugins traits version program image "image info" "image convert"; do
+    # shellcheck disable=SC2086 # the command is split on purpose
+    out=$("$tool" $command --help 2>/dev/null)
+    expect "halyx $command --help" $? 0 "$out" "^Usage: halyx ${command:+$command }\\[OPTIONS\\]"
+done
 
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -83,7 +83,6 @@ TEST(IntelHexReader, RefusesEachMalformedLineWithItsReason)
         std::string reason;
     };
     const std::vector<Case> cases = {
-        {"10000000", "Line does not start with ':'."},
         {":10000000zz", "Line does not end in valid hex."},
         {":0100 000000", "Line does not end in valid hex."},
         {":", "Could not parse hex file line length tag."},
@@ -151,6 +150,27 @@ TEST(IntelHexReader, ChecksTheFileAsAWhole)
     const auto image = parse("\xEF\xBB\xBF" + record(0, 0x10, {0xAA}) + "\t\r\n\n\r\n\t" + record(0, 0x11, {0xBB}) +
                              "\r\n" + kEof + "\r\n\r\n");
     EXPECT_EQ(image.read(0x10, 2), (std::vector<uint8_t>{0xAA, 0xBB}));
+}
+
+TEST(IntelHexReader, SkipsLinesThatAreNotRecords)
+{
+    const std::string data = record(0, 0x20, {0xAA, 0xBB});
+    const auto plain = parse(data + "\n" + kEof + "\n");
+    // Comments before, between and after the records, one looking like a record without its ':'.
+    const auto commented = parse("# built by a script\n" + data.substr(1) + "\n" + data + "\n; note\n" + kEof +
+                                 "\ntrailing text\n");
+    EXPECT_EQ(commented.segments().size(), 1u);
+    EXPECT_EQ(commented.read(0x20, 2), plain.read(0x20, 2));
+
+    // Skipped lines still count, so a bad record is reported at its own line.
+    try {
+        parse("comment\n\n" + record(0, 0, {1}) + "FF\n" + kEof);
+        ADD_FAILURE() << "accepted a long record";
+    } catch (const BinaryImage::parse_error& e) {
+        EXPECT_EQ(e.what(), fmt::format("Failed to parse line 3 : \"{}FF\"", record(0, 0, {1})));
+    }
+    // Text without records has no end-of-file record.
+    EXPECT_THROW(parse("no records here\n"), BinaryImage::format_error);
 }
 
 TEST(IntelHexReader, AppliesAddressRecordsAndMergesRecords)

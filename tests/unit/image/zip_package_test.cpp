@@ -40,7 +40,7 @@ std::string text(const Bytes& bytes)
     return {bytes.begin(), bytes.end()};
 }
 
-TEST(ZipArchive, FindsEntriesByNameThenBySubstring)
+TEST(ZipArchive, FindsTheFirstEntryThatContainsTheName)
 {
     halyx_test::TempDir dir;
     std::filesystem::create_directories(dir / "pkg");
@@ -48,14 +48,18 @@ TEST(ZipArchive, FindsEntriesByNameThenBySubstring)
     halyx_test::writeText(dir / "pkg/app.hex", "app");
     halyx_test::writeText(dir / "manifest.json", "at the root");
     const auto folderOnly = zipUp(dir, "folder.zip", "pkg/app.hex pkg/manifest.json");
-    const auto both = zipUp(dir, "both.zip", "pkg/manifest.json manifest.json");
 
     const auto archive = ZipArchive::open(folderOnly);
     EXPECT_EQ(archive.entries(), (std::vector<std::string>{"pkg/app.hex", "pkg/manifest.json"}));
     EXPECT_EQ(text(archive.read("manifest.json")), "in a folder");
     EXPECT_EQ(text(archive.read("app")), "app");
     expectHalyxError([&] { archive.read("boot.bin"); }, HALYX_ERR_NOT_FOUND, "file not found in zip: boot.bin");
-    EXPECT_EQ(text(ZipArchive::open(both).read("manifest.json")), "at the root");
+    // Both entries contain the name: archive order decides, an exact name gets no preference.
+    const auto folderFirst = ZipArchive::open(zipUp(dir, "folder-first.zip", "pkg/manifest.json manifest.json"));
+    EXPECT_EQ(folderFirst.find("manifest.json"), 0u);
+    EXPECT_EQ(text(folderFirst.read("manifest.json")), "in a folder");
+    EXPECT_EQ(text(ZipArchive::open(zipUp(dir, "root-first.zip", "manifest.json pkg/manifest.json")).read("manifest.json")),
+              "at the root");
 
     const auto fromMemory = ZipArchive::fromBuffer(halyx_test::readBytes(folderOnly));
     EXPECT_EQ(text(fromMemory.read("manifest.json")), "in a folder");
