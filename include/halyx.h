@@ -225,19 +225,19 @@ typedef struct halyx_program_fw_optionals_s {
 } halyx_program_fw_optionals_t;
 
 typedef struct halyx_device_core_info_s {
-    uint32_t code_address;
-    uint32_t code_page_size;
-    uint32_t code_size;
-    uint32_t uicr_address;
-    uint32_t info_page_size;
-    bool code_ram_present;
-    uint32_t code_ram_address;
-    uint32_t data_ram_address;
-    uint32_t ram_size;
-    bool qspi_present;
-    uint32_t xip_address;
-    uint32_t xip_size;
-    uint32_t pin_reset_pin;
+    uint32_t codeAddress;
+    uint32_t codePageSize;
+    uint32_t codeSize;
+    uint32_t uicrAddress;
+    uint32_t infoPageSize;
+    bool codeRamPresent;
+    uint32_t codeRamAddress;
+    uint32_t dataRamAddress;
+    uint32_t ramSize;
+    bool qspiPresent;
+    uint32_t xipAddress;
+    uint32_t xipSize;
+    uint32_t pinResetPin;
 } halyx_device_core_info_t;
 
 typedef enum halyx_image_type_e {

@@ -1,5 +1,7 @@
 #include "core/call_guard.hpp"
 
+#include <fmt/format.h>
+
 #include "core/context.hpp"
 #include "core/logging.hpp"
 
@@ -38,3 +40,12 @@ halyx_errorcode_t missingContext() noexcept
 }
 
 } // namespace HALYX::detail
+
+namespace HALYX {
+
+void missingArgument(std::string_view function, std::string_view name)
+{
+    throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("{}: '{}' cannot be NULL", function, name));
+}
+
+} // namespace HALYX

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "core/halyx_exception.hpp"
@@ -43,6 +44,17 @@ halyx_errorcode_t guardedCall(halyx_context* context, Body&& body) noexcept
         return detail::missingContext();
     }
     return guarded(context, [&] { return std::forward<Body>(body)(*context); });
+}
+
+[[noreturn]] void missingArgument(std::string_view function, std::string_view name);
+
+// Throws 50 "{function}: '{name}' cannot be NULL" for a missing argument.
+template <typename T>
+void requireArgument(T* pointer, std::string_view function, std::string_view name)
+{
+    if (pointer == nullptr) {
+        missingArgument(function, name);
+    }
 }
 
 template <typename Body>

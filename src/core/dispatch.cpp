@@ -1,5 +1,6 @@
 #include "core/dispatch.hpp"
 
+#include "core/call_guard.hpp"
 #include "core/context.hpp"
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
@@ -25,10 +26,7 @@ void complete(const DispatchRequest& request, uint64_t task_id, halyx_errorcode_
 
 void dispatch(halyx_context& context, DispatchRequest request, OperationBody body)
 {
-    if (request.taskId == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             request.options.operation + ": 'task_id' cannot be NULL");
-    }
+    requireArgument(request.taskId, request.options.operation, "task_id");
     auto device = context.deviceJson(request.deviceId);
     auto plugin = context.plugins.select(device, request.options);
     if (!plugin) {

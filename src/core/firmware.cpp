@@ -1,5 +1,7 @@
 #include "core/firmware.hpp"
 
+#include "core/call_guard.hpp"
+
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -45,9 +47,7 @@ halyx_firmware* createFirmware(const uint8_t* data, size_t size, uint32_t source
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
                              fmt::format("Unknown firmware format: {}. Use one of the HALYX_FW_FORMAT_* values.", format));
     }
-    if (data == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_fw_create_handle: 'data' cannot be NULL");
-    }
+    HALYX::requireArgument(data, "halyx_fw_create_handle", "data");
     auto firmware = std::make_unique<halyx_firmware>();
     firmware->source_kind = source_kind;
     firmware->format = format;

@@ -10,8 +10,25 @@ namespace {
 
 using nlohmann::json;
 
+// A record the application built may claim more than it holds; every
+// renderer refuses it the same way rather than reading past what it owns.
+void checkView(const halyx_device_t& device)
+{
+    if (device.trait_count > 0 && device.traits == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             fmt::format("device {} has trait_count {} but traits is NULL", device.id,
+                                         device.trait_count));
+    }
+    if (device.serial_port_count > 0 && device.serial_ports == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                             fmt::format("device {} has serial_port_count {} but serial_ports is NULL", device.id,
+                                         device.serial_port_count));
+    }
+}
+
 json deviceJson(const halyx_device_t& device)
 {
+    checkView(device);
     if (device.json != nullptr) {
         return json::parse(device.json);
     }
@@ -21,6 +38,7 @@ json deviceJson(const halyx_device_t& device)
 
 std::string csvLine(const halyx_device_t& device)
 {
+    checkView(device);
     std::string ports;
     for (size_t i = 0; i < device.serial_port_count; ++i) {
         const char* name = device.serial_ports[i].com_name;

@@ -95,19 +95,19 @@ std::string renderCoreInfo(const halyx_device_core_info_t* info, uint32_t format
     }
     requireJsonFormat(format);
     return guardJson([&] {
-        return dump(json{{"codeAddress", info->code_address},
-                         {"codePageSize", info->code_page_size},
-                         {"codeSize", info->code_size},
-                         {"uicrAddress", info->uicr_address},
-                         {"infoPageSize", info->info_page_size},
-                         {"codeRamPresent", info->code_ram_present},
-                         {"codeRamAddress", info->code_ram_address},
-                         {"dataRamAddress", info->data_ram_address},
-                         {"ramSize", info->ram_size},
-                         {"qspiPresent", info->qspi_present},
-                         {"xipAddress", info->xip_address},
-                         {"xipSize", info->xip_size},
-                         {"pinResetPin", info->pin_reset_pin}},
+        return dump(json{{"codeAddress", info->codeAddress},
+                         {"codePageSize", info->codePageSize},
+                         {"codeSize", info->codeSize},
+                         {"uicrAddress", info->uicrAddress},
+                         {"infoPageSize", info->infoPageSize},
+                         {"codeRamPresent", info->codeRamPresent},
+                         {"codeRamAddress", info->codeRamAddress},
+                         {"dataRamAddress", info->dataRamAddress},
+                         {"ramSize", info->ramSize},
+                         {"qspiPresent", info->qspiPresent},
+                         {"xipAddress", info->xipAddress},
+                         {"xipSize", info->xipSize},
+                         {"pinResetPin", info->pinResetPin}},
                     format);
     });
 }

@@ -14,9 +14,7 @@ extern "C" {
 HALYX_API halyx_errorcode_t halyx_create_context(halyx_context** context)
 {
     return HALYX::guardedCallWithoutContext([&] {
-        if (context == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_create_context: 'context' cannot be NULL");
-        }
+        HALYX::requireArgument(context, "halyx_create_context", "context");
         *context = std::make_unique<halyx_context>(HALYX::defaultContextParts()).release();
         return HALYX_SUCCESS;
     });
@@ -42,9 +40,7 @@ HALYX_API halyx_errorcode_t halyx_set_configuration(halyx_context* context, cons
 HALYX_API halyx_errorcode_t halyx_set_timeout(halyx_context* context, const halyx_timeout_configuration_t* timeouts)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (timeouts == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_set_timeout: 'timeouts' cannot be NULL");
-        }
+        HALYX::requireArgument(timeouts, "halyx_set_timeout", "timeouts");
         ctx.setTimeouts(*timeouts);
         return HALYX_SUCCESS;
     });
@@ -54,10 +50,7 @@ HALYX_API halyx_errorcode_t halyx_get_current_timeout_configuration(halyx_contex
                                                                     halyx_timeout_configuration_t* timeouts)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (timeouts == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                                 "halyx_get_current_timeout_configuration: 'timeouts' cannot be NULL");
-        }
+        HALYX::requireArgument(timeouts, "halyx_get_current_timeout_configuration", "timeouts");
         *timeouts = ctx.timeouts();
         return HALYX_SUCCESS;
     });
@@ -93,9 +86,7 @@ halyx_errorcode_t reportNames(halyx_context* context, halyx_json_callback_t call
                               std::vector<std::string> (HALYX::PluginRegistry::*names)() const, const char* function)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (callback == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, std::string(function) + ": 'callback' cannot be NULL");
-        }
+        HALYX::requireArgument(callback, function, "callback");
         const auto text = nlohmann::json((ctx.plugins.*names)()).dump();
         callback(user_data, text.c_str());
         return HALYX_SUCCESS;

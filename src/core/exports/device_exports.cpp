@@ -8,24 +8,12 @@
 
 using HALYX::HALYXException;
 
-namespace {
-
-template <typename T>
-void requireOut(T* pointer, const char* what)
-{
-    if (pointer == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, std::string(what) + " cannot be NULL");
-    }
-}
-
-} // namespace
-
 extern "C" {
 
 HALYX_API halyx_errorcode_t halyx_enumerate(halyx_context* context, halyx_device_list_t** list)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        requireOut(list, "halyx_enumerate: 'list'");
+        HALYX::requireArgument(list, "halyx_enumerate", "list");
         *list = ctx.lister->enumerate();
         return HALYX_SUCCESS;
     });
@@ -34,7 +22,7 @@ HALYX_API halyx_errorcode_t halyx_enumerate(halyx_context* context, halyx_device
 HALYX_API halyx_errorcode_t halyx_get_device(halyx_context* context, uint32_t device_id, halyx_device_t** device)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        requireOut(device, "halyx_get_device: 'device'");
+        HALYX::requireArgument(device, "halyx_get_device", "device");
         *device = ctx.lister->getDevice(device_id);
         return HALYX_SUCCESS;
     });
@@ -86,7 +74,7 @@ HALYX_API halyx_errorcode_t halyx_register_device_event(halyx_context* context,
                                                         halyx_device_event_callback_t callback, void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        requireOut(callback, "halyx_register_device_event: 'callback'");
+        HALYX::requireArgument(callback, "halyx_register_device_event", "callback");
         ctx.lister->registerDeviceEvent(callback, user_data);
         return HALYX_SUCCESS;
     });

@@ -18,9 +18,7 @@ halyx_errorcode_t renderDocument(halyx_context* context, uint32_t format, const 
                                  Render render, const char* function)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (document == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, std::string(function) + ": 'document' cannot be NULL");
-        }
+        HALYX::requireArgument(document, function, "document");
         auto text = std::make_unique<std::string>(render(input, format));
         char* exposed = text->data();
         *document = ctx.documents.add(std::move(text), exposed);
@@ -83,9 +81,7 @@ HALYX_API halyx_errorcode_t halyx_free_document(halyx_context* context, char* do
 HALYX_API halyx_errorcode_t halyx_get_version_list(halyx_context* context, halyx_version_list_t** list)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (list == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_get_version_list: 'list' cannot be NULL");
-        }
+        HALYX::requireArgument(list, "halyx_get_version_list", "list");
         auto view = std::make_unique<HALYX::VersionListView>(HALYX::moduleVersions());
         halyx_version_list_t* exposed = view->get();
         *list = ctx.version_lists.add(std::move(view), exposed);

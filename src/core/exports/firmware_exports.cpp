@@ -10,9 +10,7 @@ HALYX_API halyx_errorcode_t halyx_fw_create_handle(halyx_firmware** firmware, co
                                                    uint32_t source_kind, uint32_t format)
 {
     return HALYX::guardedCallWithoutContext([&] {
-        if (firmware == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_fw_create_handle: 'firmware' cannot be NULL");
-        }
+        HALYX::requireArgument(firmware, "halyx_fw_create_handle", "firmware");
         *firmware = HALYX::createFirmware(data, size, source_kind, format);
         return HALYX_SUCCESS;
     });

@@ -12,9 +12,7 @@ HALYX_API halyx_errorcode_t halyx_register_log_event(halyx_context* context, hal
                                                      void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (callback == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_register_log_event: 'callback' cannot be NULL");
-        }
+        HALYX::requireArgument(callback, "halyx_register_log_event", "callback");
         if (!ctx.registerLogCallback(callback, user_data)) {
             // Reported, not thrown: the first registration stays in place.
             const HALYXException refused(HALYX_ERR_LOGGER, "log event callback is already registered");
@@ -49,9 +47,7 @@ HALYX_API halyx_errorcode_t halyx_set_log_level(halyx_context* context, uint32_t
 HALYX_API halyx_errorcode_t halyx_set_log_pattern(halyx_context* context, const char* pattern)
 {
     return HALYX::guardedCall(context, [&](halyx_context&) {
-        if (pattern == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_set_log_pattern: 'pattern' cannot be NULL");
-        }
+        HALYX::requireArgument(pattern, "halyx_set_log_pattern", "pattern");
         if (auto logger = HALYX::Log::logger()) {
             logger->set_pattern(pattern, spdlog::pattern_time_type::local);
         }

@@ -41,9 +41,7 @@ DispatchRequest request(const char* operation, uint32_t device_id, uint64_t* tas
 // The task keeps its own copy, so the caller may release the handle at once.
 halyx_firmware firmwareCopy(const halyx_firmware* firmware, const char* operation)
 {
-    if (firmware == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, std::string(operation) + ": 'firmware' cannot be NULL");
-    }
+    HALYX::requireArgument(firmware, operation, "firmware");
     return *firmware;
 }
 
@@ -232,9 +230,7 @@ HALYX_API halyx_errorcode_t halyx_read_register(halyx_context* context, uint32_t
                                                 void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (register_path == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "read_register: 'register_path' cannot be NULL");
-        }
+        HALYX::requireArgument(register_path, "read_register", "register_path");
         HALYX::dispatch(ctx, request("read_register", device_id, task_id, nullptr, complete, user_data),
                         [path = std::string(register_path), result, user_data](PluginApi& plugin,
                                                                               const std::string& device, Operation& op) {

@@ -48,9 +48,7 @@ HALYX_API halyx_errorcode_t halyx_cancel_async_task(halyx_context* context, uint
 HALYX_API halyx_errorcode_t halyx_async_task_exists(halyx_context* context, uint64_t task_id, bool* task_exists)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        if (task_exists == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_async_task_exists: 'task_exists' cannot be NULL");
-        }
+        HALYX::requireArgument(task_exists, "halyx_async_task_exists", "task_exists");
         *task_exists = ctx.tasks.exists(task_id);
         return HALYX_SUCCESS;
     });

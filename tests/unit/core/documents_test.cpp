@@ -119,6 +119,38 @@ TEST(Documents, RefusedFormatsAndNullInputs)
     EXPECT_EQ(halyx_free_document(context, nullptr), HALYX_SUCCESS);
 }
 
+// A record the caller built that claims more than it holds is refused alike
+// by every renderer, never read past.
+TEST(Documents, CallerBuiltRecordsThatClaimMoreThanTheyHold)
+{
+    TestContext context;
+    halyx_device_t device{};
+    device.id = 7;
+    device.serial_number = "CALLER";
+    device.serial_port_count = 2; // but no ports
+    halyx_device_list_t list{&device, 1};
+    char* text = nullptr;
+    for (const auto format : {HALYX_DOC_FORMAT_JSON, HALYX_DOC_FORMAT_CSV, HALYX_DOC_FORMAT_CSV_WO_HEADER}) {
+        EXPECT_EQ(halyx_util_device_list_as_document(context, format, &list, &text), HALYX_ERR_INVALID_ARGUMENT)
+            << format;
+        EXPECT_EQ(lastError(context).message, "device 7 has serial_port_count 2 but serial_ports is NULL");
+    }
+    EXPECT_EQ(halyx_util_device_as_document(context, HALYX_DOC_FORMAT_JSON, &device, &text),
+              HALYX_ERR_INVALID_ARGUMENT);
+    device.serial_port_count = 0;
+    device.trait_count = 3;
+    EXPECT_EQ(halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_CSV, &list, &text),
+              HALYX_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(lastError(context).message, "device 7 has trait_count 3 but traits is NULL");
+    EXPECT_EQ(text, nullptr);
+
+    // Consistent, it renders: the fields are what there is without "json".
+    device.trait_count = 0;
+    ASSERT_EQ(halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_CSV, &list, &text), HALYX_SUCCESS);
+    EXPECT_STREQ(text, "CALLER;\n");
+    halyx_free_document(context, text);
+}
+
 TEST(Documents, CoreInfoAndFirmwareImages)
 {
     TestContext context;

@@ -221,8 +221,8 @@ TEST(Dispatch, ResultsReachTheirCallbacksAndCancellationTheOperation)
     probe.getCoreInfo = [](const std::string&, HALYX::Operation& op) {
         EXPECT_EQ(op.core(), std::optional<uint32_t>(HALYX_DEVICE_CORE_NETWORK));
         halyx_device_core_info_t info{};
-        info.code_size = 0x40000;
-        info.qspi_present = true;
+        info.codeSize = 0x40000;
+        info.qspiPresent = true;
         return info;
     };
     probe.readFwInfo = [](const std::string&, HALYX::Operation&) {
@@ -243,7 +243,7 @@ TEST(Dispatch, ResultsReachTheirCallbacksAndCancellationTheOperation)
     const halyx_device_core_t core = HALYX_DEVICE_CORE_NETWORK;
     ASSERT_EQ(halyx_get_device_core_info(
                   *context, 1, &core,
-                  [](halyx_context*, uint64_t, const halyx_device_core_info_t* info, void*) { code_size = info->code_size; },
+                  [](halyx_context*, uint64_t, const halyx_device_core_info_t* info, void*) { code_size = info->codeSize; },
                   &task, Completion::complete, &completion),
               HALYX_SUCCESS);
     EXPECT_EQ(halyx_wait_async_task_complete(*context, task), HALYX_SUCCESS);
