@@ -53,7 +53,12 @@ EncodedPacket encode(const SmpPacket& packet, size_t mtu)
     if (mtu <= kFrameOverhead) {
         throw SmpException(fmt::format("Console frame can not be larger than {}, is {}", mtu, kFrameOverhead + 1));
     }
-    const size_t piece = mtu - kFrameOverhead;
+    // A device decodes each line on its own: every line but the last carries
+    // whole groups of four characters, or the bits of a cut group are lost.
+    const size_t piece = (mtu - kFrameOverhead) / 4 * 4;
+    if (piece == 0) {
+        throw SmpException(fmt::format("Console frame can not be larger than {}, is {}", mtu, kFrameOverhead + 4));
+    }
     EncodedPacket encoded;
     encoded.size = text.size();
     for (size_t pos = 0; pos < text.size(); pos += piece) {

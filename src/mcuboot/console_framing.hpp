@@ -32,7 +32,9 @@ struct EncodedPacket {
     size_t size = 0; // the base64 text length
 };
 
-// Throws SmpException for an empty packet or a frame longer than mtu.
+// Lines of at most mtu bytes, each but the last with a multiple of four
+// base64 characters. Throws SmpException for an empty packet or an mtu too
+// small for one group of four.
 EncodedPacket encode(const SmpPacket& packet, size_t mtu);
 
 // Bytes of packet content that fit in one packet of packet_limit base64

@@ -49,6 +49,7 @@ std::vector<uint8_t> base64Decode(std::string_view text)
 void FrameReceiver::clear()
 {
     buffer_.clear();
+    scanned_ = 0;
     frames_.clear();
     text_size_ = 0;
     expected_text_size_.reset();
@@ -58,6 +59,7 @@ bool FrameReceiver::alignToMarker()
 {
     if (!buffer_.empty() && buffer_.front() == kCarriageReturn) {
         buffer_.erase(buffer_.begin());
+        scanned_ = 0;
         Log::debug("Removing late carriage return");
     }
     if (buffer_.empty() || isMarkerAt(buffer_, 0)) {
@@ -79,10 +81,12 @@ bool FrameReceiver::alignToMarker()
     if (keep_from == buffer_.size() && mayStartMarker(buffer_.back())) {
         Log::debug("{}. {} bytes discarded; retaining 1 byte", what, buffer_.size() - 1);
         buffer_.erase(buffer_.begin(), buffer_.end() - 1);
+        scanned_ = 0;
         return false;
     }
     Log::debug("{}. {} bytes discarded", what, keep_from);
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(keep_from));
+    scanned_ = 0;
     return !buffer_.empty();
 }
 
@@ -91,10 +95,18 @@ std::vector<SmpPacket> FrameReceiver::feed(std::span<const uint8_t> bytes)
     buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
     std::vector<SmpPacket> packets;
     while (alignToMarker()) {
-        const auto end = std::find(buffer_.begin() + 2, buffer_.end(), kTerminator);
+        const auto from = buffer_.begin() + static_cast<std::ptrdiff_t>(std::max<size_t>(scanned_, 2));
+        const auto end = std::find(from, buffer_.end(), kTerminator);
         if (end == buffer_.end()) {
+            scanned_ = buffer_.size();
+            if (buffer_.size() > kMaxLine) {
+                Log::warn("Discarding {} bytes received without a line end", buffer_.size());
+                buffer_.clear();
+                scanned_ = 0;
+            }
             break;
         }
+        scanned_ = 0;
         Frame frame;
         frame.start = buffer_[0] == kStart[0];
         frame.content.assign(buffer_.begin() + 2, end);
@@ -116,6 +128,13 @@ void FrameReceiver::addFrame(Frame frame, std::vector<SmpPacket>& packets)
     }
     text_size_ += frame.content.size();
     frames_.push_back(std::move(frame));
+    if (text_size_ > kMaxPacketText) {
+        Log::warn("Discarding {} frames: more text than any packet has", frames_.size());
+        frames_.clear();
+        text_size_ = 0;
+        expected_text_size_.reset();
+        return;
+    }
     try {
         auto packet = decodeFrames();
         if (packet.empty()) {

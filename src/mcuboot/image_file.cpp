@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 
 #include <nettle/sha2.h>
 
@@ -38,6 +39,15 @@ ImageChunk ImageFile::nextChunk(size_t maxLength)
     ImageChunk chunk{chunk_, position_, static_cast<uint32_t>(targetAddress_ + position_)};
     position_ += count;
     return chunk;
+}
+
+void ImageFile::seek(size_t position)
+{
+    if (position > length_) {
+        throw std::out_of_range("Cannot read an image of " + std::to_string(length_) + " bytes from " +
+                                std::to_string(position));
+    }
+    position_ = position;
 }
 
 ImageHeader ImageFile::header() const

@@ -47,7 +47,10 @@ public:
     // position, which then moves past them.
     ImageChunk nextChunk(size_t maxLength);
     size_t position() const { return position_; }
-    void rewind() { position_ = 0; }
+    // Moves the read position; a device that stored less than a chunk asks
+    // for the rest from where it stopped. Throws std::out_of_range past the end.
+    void seek(size_t position);
+    void rewind() { seek(0); }
 
     // The header at offset 0 (std::invalid_argument when there is none).
     ImageHeader header() const;

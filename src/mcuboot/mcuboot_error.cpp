@@ -26,4 +26,15 @@ std::string toString(McuBootError error)
     return "Not able to map error to string";
 }
 
+McuBootFailure::McuBootFailure(McuBootError error, std::string message, std::optional<halyx_errorcode_t> code,
+                               std::string cause)
+    : std::runtime_error(std::move(message)), error_(error), cause_(std::move(cause)), code_(code)
+{
+}
+
+McuBootFailure McuBootFailure::within(std::string step) const
+{
+    return McuBootFailure(error_, std::move(step), code_, cause_.empty() ? std::string(what()) : cause_);
+}
+
 } // namespace HALYX::MCUBOOT

@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <stdexcept>
 #include <string>
+
+#include "halyx.h"
 
 namespace HALYX::MCUBOOT {
 
@@ -34,5 +38,30 @@ constexpr uint32_t toNumber(McuBootError error)
 {
     return static_cast<uint32_t>(error);
 }
+
+// A failed SMP step, on its way from where it happened (transport, response
+// check, client, plugin) to the one place that reports it. Each layer that
+// knows more about what was being done says so with within(), which keeps
+// the error and the innermost cause.
+class McuBootFailure : public std::runtime_error {
+public:
+    // code: what the library reports instead of the code the error maps to,
+    // when the cause knows better (an image reader's own code, say).
+    McuBootFailure(McuBootError error, std::string message, std::optional<halyx_errorcode_t> code = std::nullopt,
+                   std::string cause = {});
+
+    McuBootError error() const { return error_; }
+    const std::string& cause() const { return cause_; }
+    std::optional<halyx_errorcode_t> code() const { return code_; }
+
+    // The same failure described by the step it ended; what() becomes the
+    // step, the earlier description the cause (unless one is already kept).
+    McuBootFailure within(std::string step) const;
+
+private:
+    McuBootError error_;
+    std::string cause_;
+    std::optional<halyx_errorcode_t> code_;
+};
 
 } // namespace HALYX::MCUBOOT

@@ -1,7 +1,6 @@
 #include "mcuboot/mcuboot_plugin.hpp"
 
 #include <algorithm>
-#include <fstream>
 #include <optional>
 #include <thread>
 
@@ -11,6 +10,7 @@
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
 #include "devices/known_kits.hpp"
+#include "image/firmware_format.hpp"
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/keil_hex_file.hpp"
 #include "mcuboot/multi_image_file.hpp"
@@ -39,26 +39,31 @@ halyx_errorcode_t errorCodeFor(McuBootError error)
 }
 
 // The one shape every programming failure takes.
-[[noreturn]] void fail(std::string step, McuBootError error, std::optional<halyx_errorcode_t> code = std::nullopt)
+HALYXException report(const McuBootFailure& failure)
 {
+    std::string step = failure.what();
     while (!step.empty() && step.back() == '.') {
         step.pop_back();
     }
     auto message = fmt::format("Error when programming through MCUBoot: {}. Error code: {} ({}).", step,
-                               toNumber(error), toString(error));
-    Log::error("{}", message);
-    throw HALYXException(code.value_or(errorCodeFor(error)), std::move(message));
+                               toNumber(failure.error()), toString(failure.error()));
+    if (failure.cause().empty()) {
+        Log::error("{}", message);
+    } else {
+        Log::error("{} Cause: {}", message, failure.cause());
+    }
+    return HALYXException(failure.code().value_or(errorCodeFor(failure.error())), std::move(message));
 }
 
-std::string lowercase(std::string text)
+// Runs one step of program(); a failure is described by the step it ended.
+template <typename Step>
+void step(const std::string& description, Step&& body)
 {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
-
-bool endsWith(const std::string& text, const std::string& suffix)
-{
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+    try {
+        body();
+    } catch (const McuBootFailure& failure) {
+        throw failure.within(description);
+    }
 }
 
 // A number, or text as the serial-port lister writes it.
@@ -77,98 +82,93 @@ bool isCellularKit(const json& vendor, const json& product)
     return v && p && KnownKits::isCellularKit(*v, *p);
 }
 
-bool isZipData(std::string_view bytes)
-{
-    return bytes.size() >= 4 && bytes.substr(0, 4) == std::string_view("PK\x03\x04", 4);
-}
-
-bool isZipFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    char magic[4] = {};
-    file.read(magic, sizeof magic);
-    return file.gcount() == 4 && isZipData(std::string_view(magic, 4));
-}
-
 std::span<const uint8_t> bytesOf(const halyx_firmware& firmware)
 {
     return {reinterpret_cast<const uint8_t*>(firmware.data.data()), firmware.data.size()};
 }
 
-// What program() is about to write, decided from the firmware's form and name.
+// What program() is about to write.
 struct Plan {
     bool modem = false;
     std::unique_ptr<ImageFile> image;
     std::optional<MultiImageFile> package;
 };
 
+// A file's format by the library's one rule (its name, then its first
+// bytes); a buffer's as the caller says.
+halyx_fw_format_t formatOf(const halyx_firmware& firmware)
+{
+    if (!firmware.isFile()) {
+        return static_cast<halyx_fw_format_t>(firmware.format);
+    }
+    try {
+        return firmwareFileFormat(firmware.data);
+    } catch (const HALYXException& e) {
+        throw McuBootFailure(McuBootError::Invalid,
+                             "Expected to program a filename ending with .hex, .ihex. or .bin Please verify filename, "
+                             "file format and stream type",
+                             std::nullopt, e.what());
+    }
+}
+
 Plan planFor(const halyx_firmware& firmware, bool modem_device)
 {
     const bool file = firmware.isFile();
-    const auto name = file ? lowercase(firmware.data) : std::string();
-    const bool package = firmware.format == HALYX_FW_FORMAT_ZIP || firmware.format == HALYX_FW_FORMAT_MODEM_PACKAGE ||
-                         (file && endsWith(name, ".zip"));
+    const std::string name = file ? firmware.data : std::string("buffer");
     Plan plan;
     try {
+        const auto format = formatOf(firmware);
+        const bool package = format == HALYX_FW_FORMAT_ZIP || format == HALYX_FW_FORMAT_MODEM_PACKAGE;
         if (package && modem_device) {
             plan.modem = true;
-            if (file && !endsWith(name, ".zip")) {
-                fail(fmt::format("Trying to program modem using MCUBoot, but filename is not ending with .zip. "
-                                 "Filename: {}",
-                                 firmware.data),
-                     McuBootError::Invalid);
-            }
-            if (file ? !isZipFile(firmware.data) : !isZipData(firmware.data)) {
-                fail(fmt::format("File is not zip file: {}", file ? firmware.data : std::string("buffer")),
-                     McuBootError::Invalid);
+            if (!file && !bytesOf(firmware).empty() && firmwareFormat("", bytesOf(firmware)) != HALYX_FW_FORMAT_ZIP) {
+                throw McuBootFailure(McuBootError::Invalid, fmt::format("File is not zip file: {}", name));
             }
         }
         if (package) {
-            if (file && !endsWith(name, ".zip")) {
-                fail(fmt::format("Expected to program a filename ending with .zip. Please verify filename, file "
-                                 "format and stream type. Filename: {}",
-                                 firmware.data),
-                     McuBootError::Invalid);
-            }
             plan.package.emplace(file ? MultiImageFile::fromFile(firmware.data)
                                       : MultiImageFile::fromBuffer(bytesOf(firmware)));
             return plan;
         }
-        if (file) {
-            if (endsWith(name, ".hex") || endsWith(name, ".ihex")) {
-                plan.image = KeilHexFile::fromFile(firmware.data);
-            } else if (endsWith(name, ".bin")) {
+        switch (format) {
+        case HALYX_FW_FORMAT_INTEL_HEX:
+            plan.image = file ? KeilHexFile::fromFile(firmware.data) : KeilHexFile::fromBuffer(bytesOf(firmware), name);
+            break;
+        case HALYX_FW_FORMAT_BINARY:
+            if (file) {
                 plan.image = BinaryFile::fromFile(firmware.data);
             } else {
-                fail("Expected to program a filename ending with .hex, .ihex. or .bin Please verify filename, file "
-                     "format and stream type",
-                     McuBootError::Invalid);
+                const auto bytes = bytesOf(firmware);
+                plan.image = std::make_unique<BinaryFile>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
             }
-        } else if (firmware.format == HALYX_FW_FORMAT_INTEL_HEX) {
-            plan.image = KeilHexFile::fromBuffer(bytesOf(firmware), "buffer");
-        } else if (firmware.format == HALYX_FW_FORMAT_BINARY) {
-            const auto bytes = bytesOf(firmware);
-            plan.image = std::make_unique<BinaryFile>(std::vector<uint8_t>(bytes.begin(), bytes.end()));
-        } else {
-            fail("Unsupported file stream type", McuBootError::Invalid);
+            break;
+        default:
+            if (file) {
+                throw McuBootFailure(McuBootError::Invalid,
+                                     "Expected to program a filename ending with .hex, .ihex. or .bin Please verify "
+                                     "filename, file format and stream type");
+            }
+            throw McuBootFailure(McuBootError::Invalid, "Unsupported file stream type", HALYX_ERR_OPEN_FAILED);
         }
+    } catch (const McuBootFailure&) {
+        throw;
     } catch (const HALYXException& e) {
-        if (std::string_view(e.what()).starts_with("Error when programming through MCUBoot")) {
-            throw;
-        }
         // The image reader's own code says more than ours would.
-        fail(fmt::format("Unable to read the firmware: {}", e.what()), McuBootError::Invalid, e.code());
+        throw McuBootFailure(McuBootError::Invalid, fmt::format("Unable to read the firmware: {}", e.what()), e.code());
     } catch (const std::exception& e) {
-        fail(fmt::format("Unable to read the firmware: {}", e.what()), McuBootError::Invalid);
+        throw McuBootFailure(McuBootError::Invalid, fmt::format("Unable to read the firmware: {}", e.what()));
     }
     return plan;
 }
 
-uint32_t unsignedSetting(const json& value, const char* key, uint32_t maximum)
+// A console line carries its marker, one group of four characters and its end.
+constexpr uint32_t kShortestLine = 7;
+
+uint32_t unsignedSetting(const json& value, const char* key, uint32_t maximum, uint32_t minimum = 0)
 {
-    if (!value.is_number_unsigned() || value.get<uint64_t>() > maximum) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             fmt::format("{} must be an unsigned number up to {}, is {}", key, maximum, value.dump()));
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > maximum || value.get<uint64_t>() < minimum) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("{} must be an unsigned number from {} to {}, is {}",
+                                                                     key, minimum, maximum, value.dump()));
     }
     return value.get<uint32_t>();
 }
@@ -261,6 +261,10 @@ void McubootPlugin::setInitParameters(const std::string& parameters)
                 settings.modemBaudRate = unsignedSetting(value, key.c_str(), UINT32_MAX);
             } else if (key == "MCUBOOT_NETCORE_UPLOAD_WAIT_TIME") {
                 settings.netCoreUploadWaitSeconds = static_cast<uint16_t>(unsignedSetting(value, key.c_str(), UINT16_MAX));
+            } else if (key == "MCUBOOT_LINE_LENGTH") {
+                settings.lineLength = unsignedSetting(value, key.c_str(), UINT16_MAX, kShortestLine);
+            } else if (key == "MCUBOOT_PACKET_SIZE") {
+                settings.packetSize = unsignedSetting(value, key.c_str(), UINT16_MAX, kShortestLine);
             } else {
                 Log::warn("mcuboot: unknown setting {} ignored", key);
             }
@@ -305,86 +309,90 @@ void McubootPlugin::program(const std::string& device_json, const halyx_firmware
     auto lock = createInterprocessLock(lock_name);
     InterprocessLockGuard guard(*lock, settings.lockTimeout);
 
-    if (operation.core()) {
-        fail("Selecting device core is not supported for MCUBoot programming.", McuBootError::NotSupported);
-    }
-    const auto ports = device.find("serialPorts");
-    if (ports == device.end() || !ports->is_array() || ports->empty()) {
-        fail("Serialport is needed for MCUBoot DFU over serial", McuBootError::UartNotFound);
-    }
-    std::string port;
-    for (const char* key : {"path", "comName"}) {
-        const auto value = ports->front().find(key);
-        if (port.empty() && value != ports->front().end() && value->is_string()) {
-            port = value->get<std::string>();
+    std::optional<SmpClient> client;
+    try {
+        if (operation.core()) {
+            throw McuBootFailure(McuBootError::NotSupported,
+                                 "Selecting device core is not supported for MCUBoot programming.");
         }
-    }
+        const auto ports = device.find("serialPorts");
+        if (ports == device.end() || !ports->is_array() || ports->empty()) {
+            throw McuBootFailure(McuBootError::UartNotFound, "Serialport is needed for MCUBoot DFU over serial");
+        }
+        std::string port;
+        for (const char* key : {"path", "comName"}) {
+            const auto value = ports->front().find(key);
+            if (port.empty() && value != ports->front().end() && value->is_string()) {
+                port = value->get<std::string>();
+            }
+        }
 
-    auto plan = planFor(firmware, hasTrueTrait(device, "modem"));
-    const MgmtGroupId group = plan.modem ? MgmtGroup::ModemImage : MgmtGroup::Image;
+        auto plan = planFor(firmware, hasTrueTrait(device, "modem"));
+        const MgmtGroupId group = plan.modem ? MgmtGroup::ModemImage : MgmtGroup::Image;
+        const bool stay = operation.mcuEndState() == HALYX_MCU_STATE_PROGRAMMING && !plan.modem;
 
-    ProgressReporter progress([&operation](const nlohmann::ordered_json& record) { operation.progress(record); });
-    const size_t images = plan.package ? plan.package->images().size() : 1;
-    progress.setAmountOfSteps(static_cast<uint32_t>(1 + (group == MgmtGroup::Image ? 1 : 0) + images + 2));
+        std::vector<ProgressOperation> steps{ProgressOperation::OpenDevice};
+        if (group == MgmtGroup::Image) {
+            steps.push_back(ProgressOperation::EraseImage);
+        }
+        steps.insert(steps.end(), plan.package ? plan.package->images().size() : 1, ProgressOperation::UploadImage);
+        if (!stay) {
+            steps.push_back(ProgressOperation::EnterApplicationState);
+        }
+        steps.push_back(ProgressOperation::CloseDevice);
+        ProgressReporter progress([&operation](const nlohmann::ordered_json& record) { operation.progress(record); });
+        progress.plan(std::move(steps));
 
-    SmpClient::Options options;
-    options.baudRate = plan.modem ? settings.modemBaudRate : settings.baudRate;
-    options.responseTimeout = std::chrono::milliseconds(operation.timeouts().response_ms);
-    options.cancelRequested = [&operation] { return operation.cancelRequested(); };
-    SerialSettings serial{port, options.baudRate, 0, 0, 0, 8};
-    SmpClient client(std::make_unique<SmpUartTransport>(serial), sequence_, options, progress);
+        SmpClient::Options options;
+        options.baudRate = plan.modem ? settings.modemBaudRate : settings.baudRate;
+        options.responseTimeout = std::chrono::milliseconds(operation.timeouts().response_ms);
+        options.lineLength = settings.lineLength;
+        options.packetSize = settings.packetSize;
+        options.cancelRequested = [&operation] { return operation.cancelRequested(); };
+        SerialSettings serial{port, options.baudRate, 0, 0, 0, 8};
+        client.emplace(std::make_unique<SmpUartTransport>(serial), sequence_, options, progress);
 
-    if (const auto opened = client.openDevice(true); opened != McuBootError::Ok) {
-        fail(fmt::format("Unable to open MCUBoot device using {}. The resource may be unavailable or blocked by "
+        step(fmt::format("Unable to open MCUBoot device using {}. The resource may be unavailable or blocked by "
                          "another application.",
                          port),
-             opened);
-    }
+             [&] { client->openDevice(true); });
 
-    const auto uploaded = plan.package ? client.uploadImages(*plan.package, group)
-                                       : client.uploadImage(*plan.image, group, std::nullopt, true);
-    if (client.cancelled()) {
-        Log::warn("Programming through MCUBoot was cancelled; the device stays in its boot loader.");
-        throw HALYXException(HALYX_ERR_DFU_11, "Programming through MCUBoot was cancelled.");
-    }
-    if (uploaded != McuBootError::Ok) {
-        const std::string name = firmware.isFile() ? firmware.data : std::string();
+        const auto name = firmware.isFile() ? firmware.data : std::string();
         if (plan.package) {
-            fail(firmware.isFile() ? fmt::format("Unable to program multi image file. Filename: {}", name)
+            step(firmware.isFile() ? fmt::format("Unable to program multi image file. Filename: {}", name)
                                    : std::string("Unable to program multi image file from buffer."),
-                 uploaded);
+                 [&] { client->uploadImages(*plan.package, group); });
+            Log::info("Delay after programming.");
+            Log::info("Waiting {} seconds to let RAM NET Core flash succeed.", settings.netCoreUploadWaitSeconds);
+            const auto until =
+                std::chrono::steady_clock::now() + std::chrono::seconds(settings.netCoreUploadWaitSeconds);
+            while (std::chrono::steady_clock::now() < until && !operation.cancelRequested()) {
+                std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+                    std::chrono::milliseconds(100), until - std::chrono::steady_clock::now()));
+            }
+        } else {
+            step(firmware.isFile() ? fmt::format("Unable to program MCUBoot image. Filename: {}", name)
+                                   : std::string("Unable to program MCUBoot image from buffer."),
+                 [&] { client->uploadImage(*plan.image, group, std::nullopt, true); });
         }
-        fail(firmware.isFile() ? fmt::format("Unable to program MCUBoot image. Filename: {}", name)
-                               : std::string("Unable to program MCUBoot image from buffer."),
-             uploaded);
-    }
 
-    if (plan.package) {
-        Log::info("Delay after programming.");
-        Log::info("Waiting {} seconds to let RAM NET Core flash succeed.", settings.netCoreUploadWaitSeconds);
-        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(settings.netCoreUploadWaitSeconds);
-        while (std::chrono::steady_clock::now() < until && !operation.cancelRequested()) {
-            std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
-                std::chrono::milliseconds(100), until - std::chrono::steady_clock::now()));
+        if (plan.modem && operation.mcuEndState() == HALYX_MCU_STATE_PROGRAMMING) {
+            Log::warn("Cannot set programming state after programming modem. Defaults to application state.");
         }
-    }
-
-    const bool stay = operation.mcuEndState() == HALYX_MCU_STATE_PROGRAMMING;
-    if (stay && plan.modem) {
-        Log::warn("Cannot set programming state after programming modem. Defaults to application state.");
-    }
-    if (stay && !plan.modem) {
-        Log::info("Staying in the boot loader as requested.");
-    } else {
-        Log::info("Entering application state by resetting device.");
-        if (const auto reset = client.resetDevice(); reset != McuBootError::Ok) {
-            fail("Unable to reset device and switch to application state.", reset);
+        if (stay) {
+            Log::info("Staying in the boot loader as requested.");
+        } else {
+            Log::info("Entering application state by resetting device.");
+            step("Unable to reset device and switch to application state.", [&] { client->resetDevice(); });
+            Log::info("Device was reset and application state was entered.");
         }
-        Log::info("Device was reset and application state was entered.");
-    }
-
-    if (const auto closed = client.closeDevice(); closed != McuBootError::Ok) {
-        fail("Unable to close MCU boot device.", closed);
+        step("Unable to close MCU boot device.", [&] { client->closeDevice(); });
+    } catch (const McuBootFailure& failure) {
+        if (client && client->cancelled()) {
+            Log::warn("Programming through MCUBoot was cancelled; the device stays in its boot loader.");
+            throw HALYXException(HALYX_ERR_DFU_11, "Programming through MCUBoot was cancelled.");
+        }
+        throw report(failure);
     }
 }
 

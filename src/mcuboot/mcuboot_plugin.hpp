@@ -25,6 +25,10 @@ public:
         uint32_t baudRate = 115200;
         uint32_t modemBaudRate = 1000000;
         uint16_t netCoreUploadWaitSeconds = 20;
+        // The limits for a boot loader that tells none (a stock MCUboot
+        // reads lines of 128 bytes into a 1024-byte buffer).
+        uint32_t lineLength = 128;
+        uint32_t packetSize = 1024;
         std::chrono::milliseconds lockTimeout{10000};
     };
 
@@ -37,7 +41,8 @@ public:
                  Operation& operation) override;
 
     // A JSON object with any of "MCUBOOT_SERIALPORT_BAUDRATE",
-    // "MCUBOOT_MODEM_SERIALPORT_BAUDRATE" and "MCUBOOT_NETCORE_UPLOAD_WAIT_TIME";
+    // "MCUBOOT_MODEM_SERIALPORT_BAUDRATE", "MCUBOOT_NETCORE_UPLOAD_WAIT_TIME",
+    // "MCUBOOT_LINE_LENGTH" and "MCUBOOT_PACKET_SIZE";
     // "null" restores the defaults. Throws HALYXException 50 for a value of
     // the wrong kind.
     void setInitParameters(const std::string& parameters) override;

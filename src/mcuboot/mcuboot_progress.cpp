@@ -23,6 +23,9 @@ std::string toString(ProgressOperation operation)
 void ProgressReporter::beginStep(ProgressOperation operation, const std::string& description)
 {
     ++step_;
+    if (step_ <= plan_.size() && plan_[step_ - 1] != operation) {
+        Log::warn("Step {} is {}, planned was {}", step_, toString(operation), toString(plan_[step_ - 1]));
+    }
     operation_ = operation;
     description_ = description;
     started_ = std::chrono::steady_clock::now();
@@ -35,15 +38,16 @@ void ProgressReporter::report(const std::string& message, int percentage, McuBoo
     nlohmann::ordered_json record;
     record["operation"] = toString(operation_);
     record["step"] = step_;
-    record["amountOfSteps"] = steps_;
+    const auto steps = static_cast<uint32_t>(plan_.size());
+    record["amountOfSteps"] = steps;
     record["description"] = description_;
     record["progressPercentage"] = percentage;
     record["message"] = message;
     record["duration"] = duration.count();
     record["result"] = result == McuBootError::Ok ? "success" : "fail";
     record["errorCode"] = toNumber(result);
-    if (step_ > steps_) {
-        Log::warn("Step count is larger than expected (got: {}; expected: {}). JSON dump: {}", step_, steps_,
+    if (step_ > steps) {
+        Log::warn("Step count is larger than expected (got: {}; expected: {}). JSON dump: {}", step_, steps,
                   record.dump());
     }
     if (sink_) {

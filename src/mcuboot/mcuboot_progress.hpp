@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -32,7 +33,7 @@ enum class ProgressOperation : uint32_t {
 std::string toString(ProgressOperation operation);
 
 // Builds the progress records of one program call and hands them on. Steps
-// are numbered in the order they start; the count is announced up front.
+// are numbered in the order they start; their count comes from the plan.
 class ProgressReporter {
 public:
     // Records keep their keys in the order they are documented in.
@@ -41,7 +42,8 @@ public:
     ProgressReporter() = default;
     explicit ProgressReporter(Sink sink) : sink_(std::move(sink)) {}
 
-    void setAmountOfSteps(uint32_t steps) { steps_ = steps; }
+    // The steps the call is going to take, in order.
+    void plan(std::vector<ProgressOperation> steps) { plan_ = std::move(steps); }
 
     // Starts the next step: its number and its clock.
     void beginStep(ProgressOperation operation, const std::string& description);
@@ -50,7 +52,7 @@ public:
 
 private:
     Sink sink_;
-    uint32_t steps_ = 0;
+    std::vector<ProgressOperation> plan_;
     uint32_t step_ = 0;
     ProgressOperation operation_ = ProgressOperation::OpenDevice;
     std::string description_;

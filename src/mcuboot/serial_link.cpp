@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -13,7 +12,9 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <asio/serial_port.hpp>
+#include <asio/use_future.hpp>
 #include <asio/write.hpp>
+#include <fmt/format.h>
 
 #include "core/logging.hpp"
 
@@ -26,10 +27,6 @@ struct SerialLink::Session {
     std::thread thread;
     std::array<uint8_t, 4096> read_buffer{};
     std::atomic<bool> closing{false};
-
-    // Completion of the one write in flight (writes are serialised).
-    std::mutex write_mutex;
-    std::condition_variable write_done;
 };
 
 namespace {
@@ -67,8 +64,8 @@ void applySettings(asio::serial_port& port, const SerialSettings& settings)
 
 } // namespace
 
-SerialLink::SerialLink(SerialSettings settings, DataHandler on_data, StatusHandler on_status)
-    : settings_(std::move(settings)), on_data_(std::move(on_data)), on_status_(std::move(on_status))
+SerialLink::SerialLink(SerialSettings settings, DataHandler on_data, FailureHandler on_failure)
+    : settings_(std::move(settings)), on_data_(std::move(on_data)), on_failure_(std::move(on_failure))
 {
     settings_.validate();
 }
@@ -78,33 +75,28 @@ SerialLink::~SerialLink()
     close();
 }
 
-void SerialLink::reportStatus(McuBootError status, const std::string& message)
-{
-    Log::debug("status:{}, message:{}", toNumber(status), message);
-    if (on_status_) {
-        on_status_(status, message);
-    }
-}
-
-McuBootError SerialLink::open()
+void SerialLink::open()
 {
     std::lock_guard lock(session_mutex_);
     if (session_) {
-        return McuBootError::Ok;
+        return;
     }
     auto session = std::make_unique<Session>();
     Log::debug("{}", settings_.toString());
+    const auto failed = [this](McuBootError error, const std::string& why) {
+        auto message = fmt::format("Error setting up serial port {}. {}", settings_.port, why);
+        Log::error("{}", message);
+        return McuBootFailure(error, std::move(message));
+    };
     try {
         session->port.open(settings_.port);
     } catch (const std::system_error& e) {
-        Log::error("Error setting up serial port {}. {}", settings_.port, e.what());
-        return openFailure(e.code());
+        throw failed(openFailure(e.code()), e.what());
     }
     try {
         applySettings(session->port, settings_);
     } catch (const std::exception& e) {
-        Log::error("Error setting up serial port {}. {}", settings_.port, e.what());
-        return McuBootError::UartResourceError;
+        throw failed(McuBootError::UartResourceError, e.what());
     }
     // Whatever the device said before we listened belongs to nobody.
     if (::tcflush(session->port.native_handle(), TCIOFLUSH) != 0) {
@@ -118,13 +110,14 @@ McuBootError SerialLink::open()
             Log::debug("serial io_context executed {} handlers.", handlers);
         });
     } catch (const std::system_error& e) {
-        Log::error("Error starting serial port work thread. {} on serial port {}.", e.what(), settings_.port);
-        return McuBootError::UartResourceError;
+        auto message = fmt::format("Error starting serial port work thread. {} on serial port {}.", e.what(),
+                                   settings_.port);
+        Log::error("{}", message);
+        throw McuBootFailure(McuBootError::UartResourceError, std::move(message));
     }
     session_ = std::move(session);
     open_ = true;
     Log::info("Successfully opened {}.", settings_.port);
-    return McuBootError::Ok;
 }
 
 void SerialLink::startRead(Session& session)
@@ -150,79 +143,67 @@ void SerialLink::startRead(Session& session)
             }
             return;
         }
-        // End of file or EIO: the device went away. Reading stops here; the
-        // next write reports the failure.
+        // End of file or EIO: the device went away. Reading stops here.
         Log::error("serial port read failed on port {}. Error {} [{}]", settings_.port, error.value(),
                    error.message());
-        reportStatus(McuBootError::UartReadError, error.message());
+        if (on_failure_) {
+            on_failure_(error.message());
+        }
     });
 }
 
-McuBootError SerialLink::write(std::span<const uint8_t> bytes, std::chrono::milliseconds timeout)
+void SerialLink::write(std::span<const uint8_t> bytes, std::chrono::milliseconds timeout)
 {
     std::lock_guard lock(session_mutex_);
     if (!session_ || !open_) {
         Log::error("Trying to send packets to device when serial device is closed is not supported");
-        reportStatus(McuBootError::UartNotOpenError, "serial port is not open");
-        return McuBootError::UartNotOpenError;
+        throw McuBootFailure(McuBootError::UartNotOpenError,
+                             "Trying to send packets to device when serial device is closed is not supported");
     }
     Session& session = *session_;
-    struct Pending {
-        std::vector<uint8_t> data;
-        bool done = false;
-        asio::error_code error;
-    };
-    auto pending = std::make_shared<Pending>();
-    pending->data.assign(bytes.begin(), bytes.end());
-    asio::post(session.io, [&session, pending] {
-        asio::async_write(session.port, asio::buffer(pending->data),
-                          [&session, pending](const asio::error_code& error, size_t) {
-                              {
-                                  std::lock_guard done_lock(session.write_mutex);
-                                  pending->error = error;
-                                  pending->done = true;
-                              }
-                              session.write_done.notify_all();
-                          });
-    });
-
-    std::unique_lock done_lock(session.write_mutex);
-    if (!session.write_done.wait_for(done_lock, timeout, [&] { return pending->done; })) {
+    const std::vector<uint8_t> data(bytes.begin(), bytes.end());
+    // Started on the work thread, where the port's reads are: asio's objects
+    // are not to be used from two threads at once.
+    auto written = asio::post(session.io, asio::use_future([&session, &data] {
+                                  return asio::async_write(session.port, asio::buffer(data), asio::use_future);
+                              }))
+                       .get();
+    if (written.wait_for(timeout) != std::future_status::ready) {
         Log::error("error writing data to UART, the write did not finish within {}ms", timeout.count());
         asio::post(session.io, [&session] {
             asio::error_code ignored;
             session.port.cancel(ignored);
         });
-        // The cancelled write completes promptly; never leave it running
-        // over the next one.
-        session.write_done.wait_for(done_lock, std::chrono::seconds(2), [&] { return pending->done; });
-        return McuBootError::UartWriteError;
+        // The cancelled write ends promptly; it must not outlive its data.
+        written.wait();
+        throw McuBootFailure(McuBootError::UartWriteError,
+                             fmt::format("The write did not finish within {}ms", timeout.count()));
     }
-    if (pending->error) {
-        Log::error("error writing data to UART, {}", pending->error.message());
-        return pending->error == asio::error::bad_descriptor ? McuBootError::UartNotOpenError
-                                                             : McuBootError::UartWriteError;
+    try {
+        written.get();
+    } catch (const std::system_error& e) {
+        Log::error("error writing data to UART, {}", e.what());
+        throw McuBootFailure(e.code() == asio::error::bad_descriptor ? McuBootError::UartNotOpenError
+                                                                     : McuBootError::UartWriteError,
+                             fmt::format("error writing data to UART, {}", e.what()));
     }
-    return McuBootError::Ok;
 }
 
-McuBootError SerialLink::close()
+void SerialLink::close()
 {
     std::lock_guard lock(session_mutex_);
     if (!session_) {
-        return McuBootError::Ok;
+        return;
     }
     Session& session = *session_;
     session.closing = true;
     open_ = false;
-    auto result = McuBootError::Ok;
-    asio::post(session.io, [&session, &result, this] {
+    asio::post(session.io, [&session, this] {
         asio::error_code error;
         session.port.cancel(error);
         session.port.close(error);
         if (error) {
-            Log::error("Error closing serial port {}: {}", settings_.port, error.message());
-            result = McuBootError::UartResourceError;
+            Log::warn("Error closing serial port {}: {}", settings_.port, error.message());
         }
     });
     session.work.reset();
@@ -231,7 +212,6 @@ McuBootError SerialLink::close()
     }
     session_.reset();
     Log::info("serial port {} closed.", settings_.port);
-    return result;
 }
 
 } // namespace HALYX::MCUBOOT

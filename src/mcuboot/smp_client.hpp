@@ -18,13 +18,17 @@ class MultiImageFile;
 
 // One connection to an MCUboot device: opens the transport, learns the
 // device's limits, erases, uploads chunk by chunk, resets and closes. Every
-// step returns its McuBootError and logs its own failure. Lives for one
-// program call on that call's thread.
+// step logs and reports its own progress and throws McuBootFailure when it
+// fails. Lives for one program call on that call's thread.
 class SmpClient {
 public:
     struct Options {
         uint32_t baudRate = 115200;
         std::chrono::milliseconds responseTimeout{30000};
+        // The limits used when the device tells none: what a stock MCUboot
+        // accepts (128-byte console lines, a 1024-byte receive buffer).
+        uint32_t lineLength = 128;
+        uint32_t packetSize = 1024;
         // Asked between chunks; a true answer ends the upload.
         std::function<bool()> cancelRequested;
     };
@@ -35,14 +39,20 @@ public:
     SmpClient(const SmpClient&) = delete;
     SmpClient& operator=(const SmpClient&) = delete;
 
-    McuBootError openDevice(bool query_parameters);
-    McuBootError closeDevice();
-    McuBootError eraseImage();
+    // With query_parameters the device is asked for its limits: first the
+    // "smp_com" statistics, then its own parameter query; a device that
+    // answers neither gets the options' limits.
+    void openDevice(bool query_parameters);
+    void closeDevice();
+    // False when the device has no erase command: it erases the slot itself
+    // when the chunk at offset 0 arrives.
+    bool eraseImage();
     // erase_first: erase the image slot before a group 1 upload.
-    McuBootError uploadImage(ImageFile& image, MgmtGroupId group, std::optional<uint32_t> image_number,
-                             bool erase_first, int start_percentage = 0);
-    McuBootError uploadImages(MultiImageFile& package, MgmtGroupId group);
-    McuBootError resetDevice();
+    void uploadImage(ImageFile& image, MgmtGroupId group, std::optional<uint32_t> image_number, bool erase_first,
+                     int start_percentage = 0);
+    void uploadImages(MultiImageFile& package, MgmtGroupId group);
+    // The port going away after the request is the device restarting, not a failure.
+    void resetDevice();
 
     // Chunk sizes for a device with these limits: the first chunk carries
     // "len" and "sha" as well. Zero when the limits leave no room.
@@ -52,25 +62,33 @@ public:
     };
     static ChunkSizes chunkSizes(int64_t frame_content_size);
 
+    // How long the device may take to answer the chunk at offset 0 of an
+    // image of this length: it erases the whole slot first, which the image
+    // may fill only in part. Assumes a slot of at most twice the image and
+    // 100 ms per 4 KiB flash page (real parts take 40 to 90), at least 5 s.
+    static std::chrono::milliseconds eraseAllowance(size_t image_length);
+
     ChunkSizes currentChunkSizes() const { return chunks_; }
-    McuBootError openStatus() const { return open_status_; }
     bool cancelled() const { return cancelled_; }
     SmpTransport& transport() { return *transport_; }
 
 private:
     enum class Wait { Resend, Whole };
 
-    McuBootError send(const SmpPacket& packet, const SmpTransport::ResponseHandler& handler, Wait wait);
-    McuBootError queryParameters();
-    McuBootError uploadChunk(std::span<const uint8_t> data, uint32_t offset, uint32_t total, uint32_t address,
-                             MgmtGroupId group, std::optional<uint32_t> image_number);
+    void send(const SmpPacket& packet, const SmpTransport::ResponseHandler& handler, Wait wait,
+              std::chrono::milliseconds extra = std::chrono::milliseconds(0));
+    void negotiateLimits();
+    bool askStatistics();
+    bool askParameters();
+    // The offset the device answered with.
+    uint32_t uploadChunk(std::span<const uint8_t> data, uint32_t offset, uint32_t total, uint32_t address,
+                         MgmtGroupId group, std::optional<uint32_t> image_number);
     std::chrono::milliseconds wireTime(size_t bytes) const;
 
     std::unique_ptr<SmpTransport> transport_;
     SequenceCounter& sequence_;
     const Options options_;
     ProgressReporter& progress_;
-    McuBootError open_status_ = McuBootError::UartResourceError;
     std::chrono::milliseconds response_timeout_;
     ChunkSizes chunks_;
     bool cancelled_ = false;

@@ -3,6 +3,8 @@
 #include <nettle/sha2.h>
 #include <nlohmann/json.hpp>
 
+#include <fmt/format.h>
+
 #include "core/logging.hpp"
 
 namespace HALYX::MCUBOOT {
@@ -26,39 +28,6 @@ nlohmann::json::binary_t sha256(std::span<const uint8_t> data)
     return nlohmann::json::binary_t(std::move(digest));
 }
 
-// The decoded map of a write response, or the failure it amounts to.
-std::optional<json> decodeWriteResponse(const SmpPacket& response, WriteRequest kind, McuBootError& result)
-{
-    result = McuBootError::Invalid;
-    if (response.header().op != static_cast<uint8_t>(MgmtOp::WriteResponse)) {
-        Log::error("packet received is not a write_rsp");
-        return std::nullopt;
-    }
-    json map;
-    try {
-        map = json::from_cbor(response.payload());
-    } catch (const std::exception& e) {
-        Log::error("Error parsing CBOR payload, {}", e.what());
-        return std::nullopt;
-    }
-    Log::debug("rx: {}", map.dump());
-    const auto rc = map.is_object() ? map.find("rc") : map.end();
-    if (!map.is_object() || rc == map.end()) {
-        Log::error("CBOR response does not contain attribute rc (mandatory)");
-        return std::nullopt;
-    }
-    if (!rc->is_number_integer() || rc->get<int64_t>() != 0) {
-        if (kind == WriteRequest::Erase) {
-            Log::error("delete package returns error {}", rc->dump());
-        } else {
-            Log::error("CBOR response contains non-zero return code, {}", rc->dump());
-        }
-        return std::nullopt;
-    }
-    result = McuBootError::Ok;
-    return map;
-}
-
 uint32_t unsignedField(const json& map, const char* key)
 {
     const auto& value = map.at(key);
@@ -78,6 +47,11 @@ SmpPacket resetRequest(uint8_t seq)
 SmpPacket eraseRequest(uint8_t seq)
 {
     return SmpPacket::request(MgmtOp::Write, 0, MgmtGroup::Image, seq, CommandId::ImageErase, emptyMap());
+}
+
+SmpPacket mcumgrParametersRequest(uint8_t seq)
+{
+    return SmpPacket::request(MgmtOp::Read, 0, MgmtGroup::Os, seq, CommandId::McumgrParameters, emptyMap());
 }
 
 SmpPacket commParamsRequest(uint8_t seq)
@@ -112,38 +86,76 @@ SmpPacket uploadChunkRequest(uint8_t seq, MgmtGroupId group, const ChunkRequest&
     return SmpPacket::request(MgmtOp::Write, 0, group, seq, CommandId::ImageUpload, ordered_json::to_cbor(map));
 }
 
-McuBootError checkWriteResponse(const SmpPacket& response, WriteRequest kind)
+WriteResponse decodeWriteResponse(const SmpPacket& response)
 {
-    McuBootError result = McuBootError::Invalid;
-    decodeWriteResponse(response, kind, result);
-    return result;
+    if (response.header().op != static_cast<uint8_t>(MgmtOp::WriteResponse)) {
+        Log::error("packet received is not a write_rsp");
+        throw McuBootFailure(McuBootError::Invalid, "packet received is not a write_rsp");
+    }
+    json map;
+    try {
+        map = json::from_cbor(response.payload());
+    } catch (const std::exception& e) {
+        Log::error("Error parsing CBOR payload, {}", e.what());
+        throw McuBootFailure(McuBootError::Invalid, fmt::format("Error parsing CBOR payload, {}", e.what()));
+    }
+    Log::debug("rx: {}", map.dump());
+    const auto rc = map.is_object() ? map.find("rc") : map.end();
+    if (!map.is_object() || rc == map.end() || !rc->is_number_integer()) {
+        Log::error("CBOR response does not contain attribute rc (mandatory)");
+        throw McuBootFailure(McuBootError::Invalid, "CBOR response does not contain attribute rc (mandatory)");
+    }
+    const auto code = rc->get<int64_t>();
+    return WriteResponse{std::move(map), code};
 }
 
-McuBootError checkChunkResponse(const SmpPacket& response, uint32_t expected_offset)
+json checkWriteResponse(const SmpPacket& response, WriteRequest kind)
 {
-    McuBootError result = McuBootError::Invalid;
-    const auto map = decodeWriteResponse(response, WriteRequest::Generic, result);
-    if (!map) {
-        return result;
+    auto decoded = decodeWriteResponse(response);
+    if (decoded.rc != 0) {
+        const auto message = kind == WriteRequest::Erase
+                                 ? fmt::format("delete package returns error {}", decoded.rc)
+                                 : fmt::format("CBOR response contains non-zero return code, {}", decoded.rc);
+        Log::error("{}", message);
+        throw McuBootFailure(McuBootError::Invalid, message);
     }
-    const auto off = map->find("off");
-    if (off == map->end() || !off->is_number_unsigned() || off->get<uint64_t>() != expected_offset) {
-        Log::error("Unexpected offset returned from smp server during chunk upload. Wanted {}, got {}",
-                   expected_offset, off == map->end() ? std::string("nothing") : off->dump());
-        return McuBootError::BadState;
-    }
-    return McuBootError::Ok;
+    return std::move(decoded.map);
 }
 
-McuBootError checkPacketSize(size_t encoded_size, size_t maximum)
+uint32_t chunkResponseOffset(const SmpPacket& response)
+{
+    const auto map = checkWriteResponse(response);
+    const auto off = map.find("off");
+    if (off == map.end() || !off->is_number_unsigned() || off->get<uint64_t>() > UINT32_MAX) {
+        const auto message = fmt::format("Chunk answered without a valid offset: {}", map.dump());
+        Log::error("{}", message);
+        throw McuBootFailure(McuBootError::BadState, message);
+    }
+    return off->get<uint32_t>();
+}
+
+void checkPacketSize(size_t encoded_size, size_t maximum)
 {
     if (encoded_size > maximum) {
-        Log::error("Packet size exceeds maximum. Packet size is {}, maximum allowed packet size is {}. Aborting "
-                   "chunk upload.",
-                   encoded_size, maximum);
-        return McuBootError::MsgSize;
+        const auto message = fmt::format("Packet size exceeds maximum. Packet size is {}, maximum allowed packet size "
+                                         "is {}. Aborting chunk upload.",
+                                         encoded_size, maximum);
+        Log::error("{}", message);
+        throw McuBootFailure(McuBootError::MsgSize, message);
     }
-    return McuBootError::Ok;
+}
+
+std::optional<uint32_t> parseBufferSize(const SmpPacket& response)
+{
+    try {
+        const auto map = json::from_cbor(response.payload());
+        const auto size = unsignedField(map, "buf_size");
+        Log::info("Device buffer size {} (buf_count {})", size, map.value("buf_count", json()).dump());
+        return size;
+    } catch (const std::exception& e) {
+        Log::info("No MCUmgr parameters from the device: {}", e.what());
+        return std::nullopt;
+    }
 }
 
 std::optional<CommParams> parseCommParams(const SmpPacket& response)

@@ -10,23 +10,28 @@
 
 namespace HALYX::MCUBOOT {
 
-// Carries SMP packets to a device and back. The order of the virtual
-// operations after the state queries is part of the design; append only.
+// Carries SMP packets to a device and back. Failures are McuBootFailures.
+// The order of the virtual operations after the state queries is part of
+// the design; append only.
 class SmpTransport {
 public:
-    using ResponseHandler = std::function<McuBootError(const SmpPacket&)>;
+    // Checks a response; throws McuBootFailure when it is not the one wanted.
+    using ResponseHandler = std::function<void(const SmpPacket&)>;
     using Milliseconds = std::chrono::milliseconds;
 
     virtual ~SmpTransport() = default;
-    virtual McuBootError open() = 0;
-    virtual McuBootError close() = 0;
+    virtual void open() = 0;
+    virtual void close() = 0;
     virtual bool isOpen() const = 0;
 
     virtual std::string description() const = 0;
-    // Sends the packet and returns what the handler makes of the response
-    // with the same sequence number. A wait time below 1 ms does not wait.
-    virtual McuBootError send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
-                              Milliseconds receive_timeout, Milliseconds transmit_timeout) = 0;
+    // Sends the packet and hands the response with the same sequence number
+    // to the handler, sending again when none came within wait_time, until
+    // receive_timeout. A wait time below 1 ms does not wait. Throws the
+    // handler's failure, Timeout, UartWriteError, UartNotOpenError, or
+    // UartReadError when the port went away.
+    virtual void send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
+                      Milliseconds receive_timeout, Milliseconds transmit_timeout) = 0;
     virtual uint32_t frameSize() const = 0;
     virtual void setFrameSize(uint32_t size) = 0;
     virtual uint32_t mtu() const = 0;

@@ -25,7 +25,7 @@ SmpUartTransport::SmpUartTransport(SerialSettings settings)
     : name_(fmt::format("SMP UART ({}@{})", settings.port, settings.baudRate)),
       link_(
           std::move(settings), [this](std::span<const uint8_t> bytes) { onData(bytes); },
-          [this](McuBootError status, const std::string& message) { onStatus(status, message); })
+          [this](const std::string& message) { onFailure(message); })
 {
 }
 
@@ -34,18 +34,23 @@ SmpUartTransport::~SmpUartTransport()
     link_.close();
 }
 
-McuBootError SmpUartTransport::open()
+void SmpUartTransport::open()
 {
     {
         std::lock_guard lock(receive_mutex_);
         receiver_.clear();
     }
-    return link_.open();
+    {
+        std::lock_guard lock(queue_mutex_);
+        packets_.clear();
+        failure_.reset();
+    }
+    link_.open();
 }
 
-McuBootError SmpUartTransport::close()
+void SmpUartTransport::close()
 {
-    return link_.close();
+    link_.close();
 }
 
 bool SmpUartTransport::isOpen() const
@@ -89,17 +94,15 @@ void SmpUartTransport::onData(std::span<const uint8_t> bytes)
     packet_arrived_.notify_all();
 }
 
-void SmpUartTransport::onStatus(McuBootError status, const std::string& message)
+void SmpUartTransport::onFailure(const std::string& message)
 {
-    if (status == McuBootError::UartReadError) {
-        Log::warn("Got corrupt data. {}", message);
-        {
-            // Under the queue mutex so a waiter cannot miss the wake-up.
-            std::lock_guard lock(queue_mutex_);
-            corrupt_flag_ = true;
-        }
-        packet_arrived_.notify_all();
+    Log::warn("Got corrupt data. {}", message);
+    {
+        // Under the queue mutex so a waiter cannot miss the wake-up.
+        std::lock_guard lock(queue_mutex_);
+        failure_ = message;
     }
+    packet_arrived_.notify_all();
 }
 
 bool SmpUartTransport::receiving()
@@ -121,20 +124,20 @@ std::optional<SmpPacket> SmpUartTransport::takeResponse(uint8_t seq)
     return packet;
 }
 
-McuBootError SmpUartTransport::send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
-                                    Milliseconds receive_timeout, Milliseconds transmit_timeout)
+void SmpUartTransport::send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
+                            Milliseconds receive_timeout, Milliseconds transmit_timeout)
 {
     using Clock = std::chrono::steady_clock;
     if (!link_.isOpen()) {
         // Let the link say why in its own words.
-        return link_.write({}, transmit_timeout);
+        link_.write({}, transmit_timeout);
     }
     ConsoleFraming::EncodedPacket encoded;
     try {
         encoded = ConsoleFraming::encode(packet, mtu_);
     } catch (const std::exception& e) {
         Log::error("Not able to encode packet, {}", e.what());
-        return McuBootError::Unknown;
+        throw McuBootFailure(McuBootError::Unknown, fmt::format("Not able to encode packet, {}", e.what()));
     }
     const auto bytes = joinFrames(encoded);
     const uint8_t seq = packet.header().seq;
@@ -148,24 +151,21 @@ McuBootError SmpUartTransport::send(const SmpPacket& packet, const ResponseHandl
             packets_.clear();
         }
         data_flag_ = false;
-        corrupt_flag_ = false;
     }
 
     const auto write = [&] {
         Log::trace("UART TX({})", bytes.size());
-        return link_.write(bytes, transmit_timeout);
+        link_.write(bytes, transmit_timeout);
     };
-    if (const auto written = write(); written != McuBootError::Ok) {
-        return written;
-    }
+    write();
     if (wait_time < Milliseconds(1)) {
-        return McuBootError::Ok;
+        return;
     }
 
-    const auto start = Clock::now();
-    const auto deadline = start + receive_timeout;
+    const auto deadline = Clock::now() + receive_timeout;
     while (true) {
         std::optional<SmpPacket> response;
+        std::optional<std::string> failure;
         {
             std::unique_lock lock(queue_mutex_);
             const auto until = std::min(Clock::now() + wait_time, deadline);
@@ -173,34 +173,33 @@ McuBootError SmpUartTransport::send(const SmpPacket& packet, const ResponseHandl
                        std::chrono::duration_cast<Milliseconds>(until - Clock::now()).count());
             packet_arrived_.wait_until(lock, until, [&] {
                 response = takeResponse(seq);
-                return response.has_value() || corrupt_flag_.load();
+                return response.has_value() || failure_.has_value();
             });
+            failure = failure_;
         }
         if (response) {
-            try {
-                return handler(*response);
-            } catch (const std::exception& e) {
-                Log::error("Exception occured while handling the response, {}", e.what());
-                return McuBootError::Unknown;
-            }
+            handler(*response);
+            return;
+        }
+        if (failure) {
+            // Nothing more can come: the device went away or the port broke.
+            throw McuBootFailure(McuBootError::UartReadError,
+                                 fmt::format("The serial port stopped delivering data: {}", *failure));
         }
         const bool data = data_flag_.exchange(false);
-        const bool corrupt = corrupt_flag_.exchange(false);
-        Log::debug("Got uart flags: DATA {}, CORRUPT {}", data, corrupt);
+        Log::debug("Got uart flags: DATA {}, CORRUPT {}", data, false);
         const auto left = std::chrono::duration_cast<Milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             Log::error("No time left to wait for data. Timeout");
-            return McuBootError::Timeout;
+            throw McuBootFailure(McuBootError::Timeout, "No time left to wait for data. Timeout");
         }
-        if (data && !corrupt && receiving()) {
+        if (data && receiving()) {
             // Part of an answer is in: the rest is on its way, and a re-send
             // would only queue a second one behind it.
             continue;
         }
         Log::info("Re-sending package. {}ms left before timeout.", left.count());
-        if (const auto written = write(); written != McuBootError::Ok) {
-            return written;
-        }
+        write();
     }
 }
 

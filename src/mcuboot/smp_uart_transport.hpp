@@ -18,9 +18,9 @@ namespace HALYX::MCUBOOT {
 //
 // Threads: send() and the state calls run on the caller's thread; the serial
 // link's work thread feeds received bytes in. Locks: receive_mutex_ guards
-// the frame receiver; queue_mutex_ the decoded packets, with packet_arrived_
-// signalled for each packet and for a line failure. The two are never held
-// together.
+// the frame receiver; queue_mutex_ the decoded packets and the port's
+// failure, with packet_arrived_ signalled for each packet and for a failure.
+// The two are never held together.
 class SmpUartTransport : public SmpTransport {
 public:
     static constexpr uint32_t kDefaultMtu = 500;
@@ -30,13 +30,13 @@ public:
     explicit SmpUartTransport(SerialSettings settings);
     ~SmpUartTransport() override;
 
-    McuBootError open() override;
-    McuBootError close() override;
+    void open() override;
+    void close() override;
     bool isOpen() const override;
 
     std::string description() const override { return name_; }
-    McuBootError send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
-                      Milliseconds receive_timeout, Milliseconds transmit_timeout) override;
+    void send(const SmpPacket& packet, const ResponseHandler& handler, Milliseconds wait_time,
+              Milliseconds receive_timeout, Milliseconds transmit_timeout) override;
     uint32_t frameSize() const override { return frame_size_; }
     void setFrameSize(uint32_t size) override { frame_size_ = size; }
     uint32_t mtu() const override { return mtu_; }
@@ -47,7 +47,7 @@ public:
 
 private:
     void onData(std::span<const uint8_t> bytes);
-    void onStatus(McuBootError status, const std::string& message);
+    void onFailure(const std::string& message);
     std::optional<SmpPacket> takeResponse(uint8_t seq);
     // True while part of a packet has been received.
     bool receiving();
@@ -62,9 +62,9 @@ private:
     std::mutex queue_mutex_;
     std::condition_variable packet_arrived_;
     std::deque<SmpPacket> packets_;
+    std::optional<std::string> failure_; // why reading stopped
 
     std::atomic<bool> data_flag_{false};
-    std::atomic<bool> corrupt_flag_{false};
 
     // Last: its work thread calls back into the members above.
     SerialLink link_;

@@ -83,8 +83,10 @@ TEST(ConsoleFraming, FramesDecodeIndependently)
 
     const auto cut = ConsoleFraming::encode(small, 10);
     decoded = halyx_test::runPythonOracle(kDecodeFrames, joined(cut));
-    EXPECT_EQ((json{"0609", "0414", "0414"}), decoded["markers"]);
-    EXPECT_EQ((json{10, 10, 5}), decoded["sizes"]); // 7, 7 and 2 characters
+    // A device decodes each line on its own: whole groups of four per line.
+    EXPECT_EQ((json{"0609", "0414", "0414", "0414"}), decoded["markers"]);
+    EXPECT_EQ((json{7, 7, 7, 7}), decoded["sizes"]); // 4 characters each
+    EXPECT_EQ(hex(small.headerAndPayload()), decoded["header_and_payload"]);
 
     const auto big = bigPacket(4, 3000);
     const auto many = ConsoleFraming::encode(big, 127);
@@ -92,8 +94,12 @@ TEST(ConsoleFraming, FramesDecodeIndependently)
     EXPECT_TRUE(decoded["crc_ok"]);
     EXPECT_EQ(hex(big.headerAndPayload()), decoded["header_and_payload"]);
     EXPECT_EQ(many.size, decoded["text_len"]);
-    for (const auto& size : decoded["sizes"]) {
-        EXPECT_LE(size.get<int>(), 127);
+    const auto& sizes = decoded["sizes"];
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        EXPECT_LE(sizes[i].get<int>(), 127);
+        if (i + 1 < sizes.size()) {
+            EXPECT_EQ(0, (sizes[i].get<int>() - 3) % 4) << "line " << i;
+        }
     }
 
     EXPECT_THROW(ConsoleFraming::encode(SmpPacket(), 500), SmpException);
