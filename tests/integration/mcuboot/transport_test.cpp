@@ -105,7 +105,7 @@ SerialSettings settingsFor(const std::string& port)
 
 TEST(SmpUartTransport, TalksToTheSimulatorAndRefusesWhenClosed)
 {
-    SmpSimulator device(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
     SmpUartTransport transport(settingsFor(device.port()));
     EXPECT_EQ("SMP UART (" + device.port() + "@115200)", transport.description());
 
