@@ -22,7 +22,9 @@ namespace HALYX::SIM {
 // flash blocks, and a reboot after reset. Config::permissive() is the
 // forgiving device that earlier clients were written against. Faults can be
 // injected, and a throttle makes the line as slow as a UART at a given baud
-// rate in both directions.
+// rate in both directions. While the device is busy (erasing, waiting to
+// reboot) what the client sends waits in the terminal, as USB flow control
+// holds it back from a CDC ACM device; nothing is lost as on a bare UART.
 //
 // Threads and locks: one server thread per simulator reads the terminal,
 // answers, erases (waiting on changed_ with mutex_ released) and reboots.
