@@ -190,17 +190,16 @@ void SmpSimulator::openTerminal()
         return;
     }
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
-        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) != 0) {
-        throw std::runtime_error("cannot create a pseudo-terminal");
-    }
     char name[128];
-    if (::ptsname_r(master, name, sizeof name) != 0) {
-        throw std::runtime_error("cannot name the pseudo-terminal");
-    }
-    const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const bool ready = master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0 &&
+                       ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) == 0 &&
+                       ::ptsname_r(master, name, sizeof name) == 0;
+    const int slave = ready ? ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
     if (slave < 0) {
-        throw std::runtime_error("cannot open the pseudo-terminal");
+        if (master >= 0) {
+            ::close(master);
+        }
+        throw std::runtime_error("cannot create a pseudo-terminal");
     }
     // Raw from the start: an echo would hand the device its own answers.
     termios settings{};
