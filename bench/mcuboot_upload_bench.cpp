@@ -32,11 +32,11 @@ struct Setup {
 
 int measure(const Setup& setup, const std::vector<uint8_t>& payload)
 {
-    SmpSimulator::Config config;
+    auto config = SmpSimulator::Config::permissive();
     config.baudRate = setup.baud;
     config.frameMax = setup.frameMax;
     config.packMax = setup.packMax;
-    config.answerParameterQuery = setup.frameMax.has_value();
+    config.answerStatistics = setup.frameMax.has_value();
     SmpSimulator device(config);
 
     SequenceCounter sequence;

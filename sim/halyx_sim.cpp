@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "kit.hpp"
 #include "smp_simulator.hpp"
 #include "testbed.hpp"
@@ -27,22 +29,22 @@ extern char** environ;
 
 namespace {
 
-const char* const kUsage =
-    "usage: halyx-sim [options] -- COMMAND [ARGS...]\n"
-    "\n"
-    "Runs COMMAND with simulated USB kits attached (under umockdev).\n"
-    "\n"
-    "options:\n"
-    "  --kit NAME[=SERIAL]     attach a kit from the start; NAME is maker, probe, oldcdc, other,\n"
-    "                          mcuboot or cellular (the last two wait in MCUboot serial recovery)\n"
-    "  --kits N                attach N maker kits with serial numbers KV1000001...\n"
-    "  --device FILE           attach the devices of a umockdev description file\n"
-    "  --hotplug NAME[=SERIAL] plug this kit while COMMAND runs (see --plug-at, --unplug-at)\n"
-    "  --plug-at MS            when to plug the hot-plug kit (default 1000)\n"
-    "  --unplug-at MS          when to unplug it (default 2000; 0: never)\n"
-    "  --interrupt-at MS       send COMMAND an interrupt (Ctrl-C) then (default: never)\n"
-    "  --image-out FILE        when COMMAND ends, write the application image that the --kit before\n"
-    "                          this option (mcuboot or cellular) stored to FILE; empty when none was\n";
+const char* const kDescription =
+    "Runs COMMAND with simulated USB kits attached (under umockdev). Give the command after \"--\".";
+
+const char* const kKitList =
+    "Kits (NAME[=SERIAL] gives a kit another serial number):\n"
+    "  maker           the maker's kit: two serial ports and the DFU-trigger interface\n"
+    "  probe           a kit behind an on-board debug probe: one bridge port and the probe's bulk interface\n"
+    "  oldcdc          a maker's device with old CDC firmware\n"
+    "  other           another vendor's USB serial adapter\n"
+    "  mcuboot         a board in MCUboot serial recovery with a stock boot loader: 128-byte lines,\n"
+    "                  1024-byte packets, the slot erased before the first chunk is answered, 4-byte\n"
+    "                  flash writes, a reboot after reset (the kit leaves the bus for 0.5 s)\n"
+    "  mcuboot-align8  the same with 8-byte flash writes\n"
+    "  mcuboot-params  the same answering the MCUmgr parameter query (2048-byte buffer)\n"
+    "  cellular        the maker's cellular kit: a forgiving boot loader on the first of two ports that\n"
+    "                  answers the \"smp_com\" query (frame 127, packet 4096)\n";
 
 struct Options {
     std::vector<HALYX::SIM::KitModel> kits;
@@ -52,26 +54,18 @@ struct Options {
     long unplugAt = 2000;
     long interruptAt = 0;
     std::map<size_t, std::string> imageOut; // by index into kits
-    std::vector<char*> command;
+    std::vector<std::string> command;
 };
 
-int usage(const std::string& problem)
-{
-    std::fprintf(stderr, "halyx-sim: %s\n\n%s", problem.c_str(), kUsage);
-    return 2;
-}
-
-std::optional<HALYX::SIM::KitModel> parseKit(const std::string& text)
+HALYX::SIM::KitModel parseKit(const std::string& option, const std::string& text)
 {
     const auto equals = text.find('=');
-    return HALYX::SIM::kitByName(text.substr(0, equals), equals == std::string::npos ? "" : text.substr(equals + 1));
-}
-
-bool parseNumber(const char* text, long& out)
-{
-    char* end = nullptr;
-    out = std::strtol(text, &end, 10);
-    return end != text && *end == '\0' && out >= 0;
+    auto kit = HALYX::SIM::kitByName(text.substr(0, equals),
+                                     equals == std::string::npos ? "" : text.substr(equals + 1));
+    if (!kit) {
+        throw CLI::ValidationError(option, "unknown kit: " + text);
+    }
+    return *kit;
 }
 
 bool writeImage(const HALYX::SIM::SmpSimulator& bootloader, const std::string& file)
@@ -94,63 +88,61 @@ bool writeImage(const HALYX::SIM::SmpSimulator& bootloader, const std::string& f
 int main(int argc, char** argv)
 {
     Options options;
-    int i = 1;
-    for (; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool has_value = i + 1 < argc;
-        if (arg == "--") {
-            ++i;
-            break;
-        }
-        if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (!has_value) {
-            return usage("missing value after " + arg);
-        }
-        const char* value = argv[++i];
-        if (arg == "--kit" || arg == "--hotplug") {
-            auto kit = parseKit(value);
-            if (!kit) {
-                return usage(std::string("unknown kit: ") + value);
-            }
-            if (arg == "--kit") {
-                options.kits.push_back(*kit);
-            } else {
-                options.hotplug = *kit;
-            }
-        } else if (arg == "--kits") {
-            long count = 0;
-            if (!parseNumber(value, count) || count > 40) {
-                return usage("--kits takes a number up to 40");
-            }
-            for (long k = 0; k < count; ++k) {
-                options.kits.push_back(HALYX::SIM::makerKit("KV1" + std::to_string(1000000 + k).substr(1)));
-            }
-        } else if (arg == "--image-out") {
-            if (options.kits.empty() || !options.kits.back().serialRecovery) {
-                return usage("--image-out follows a --kit in serial recovery (mcuboot or cellular)");
-            }
-            options.imageOut[options.kits.size() - 1] = value;
-        } else if (arg == "--device") {
-            options.devices.push_back(value);
-        } else if (arg == "--plug-at" || arg == "--unplug-at" || arg == "--interrupt-at") {
-            long ms = 0;
-            if (!parseNumber(value, ms)) {
-                return usage(arg + " takes milliseconds");
-            }
-            (arg == "--plug-at" ? options.plugAt : arg == "--unplug-at" ? options.unplugAt : options.interruptAt) = ms;
-        } else {
-            return usage("unknown option: " + arg);
-        }
-    }
-    for (; i < argc; ++i) {
-        options.command.push_back(argv[i]);
-    }
-    if (options.command.empty()) {
-        return usage("no command given");
-    }
+    CLI::App app{kDescription, "halyx-sim"};
+    app.footer(kKitList);
+    // Kits and --image-out are taken in command-line order: --image-out
+    // belongs to the --kit before it.
+    app.add_option_function<std::string>(
+           "--kit", [&](const std::string& text) { options.kits.push_back(parseKit("--kit", text)); },
+           "attach a kit from the start (see below)")
+        ->type_name("NAME[=SERIAL]")
+        ->trigger_on_parse()
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option_function<long>(
+           "--kits",
+           [&](long count) {
+               for (long k = 0; k < count; ++k) {
+                   options.kits.push_back(HALYX::SIM::makerKit("KV1" + std::to_string(1000000 + k).substr(1)));
+               }
+           },
+           "attach N maker kits with serial numbers KV1000000...")
+        ->type_name("N")
+        ->check(CLI::Range(0L, 40L))
+        ->trigger_on_parse();
+    app.add_option_function<std::string>(
+           "--image-out",
+           [&](const std::string& file) {
+               if (options.kits.empty() || !options.kits.back().serialRecovery) {
+                   throw CLI::ValidationError("--image-out", "follows a --kit in serial recovery (mcuboot..., cellular)");
+               }
+               options.imageOut[options.kits.size() - 1] = file;
+           },
+           "when COMMAND ends, write the application image that the --kit before this option stored to FILE "
+           "(empty when none was)")
+        ->type_name("FILE")
+        ->trigger_on_parse()
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    // One file per --device, so that "--" after it still starts the command.
+    app.add_option("--device", options.devices, "attach the devices of a umockdev description file")
+        ->type_name("FILE")
+        ->allow_extra_args(false)
+        ->check(CLI::ExistingFile);
+    app.add_option_function<std::string>(
+           "--hotplug", [&](const std::string& text) { options.hotplug = parseKit("--hotplug", text); },
+           "plug this kit while COMMAND runs (see --plug-at, --unplug-at)")
+        ->type_name("NAME[=SERIAL]");
+    app.add_option("--plug-at", options.plugAt, "when to plug the hot-plug kit (default 1000)")
+        ->type_name("MS")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--unplug-at", options.unplugAt, "when to unplug it (default 2000; 0: never)")
+        ->type_name("MS")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--interrupt-at", options.interruptAt, "send COMMAND an interrupt (Ctrl-C) then (default: never)")
+        ->type_name("MS")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("command", options.command, "the command to run and its arguments")->required();
+    CLI11_PARSE(app, argc, argv);
+
     if (!HALYX::SIM::Testbed::inMockEnvironment()) {
         HALYX::SIM::execUnderWrapper(std::vector<std::string>(argv + 1, argv + argc));
         return 1;
@@ -173,12 +165,15 @@ int main(int argc, char** argv)
             testbed.addDescription(text.str());
         }
 
-        options.command.push_back(nullptr);
+        std::vector<char*> command;
+        for (auto& arg : options.command) {
+            command.push_back(arg.data());
+        }
+        command.push_back(nullptr);
         pid_t child = 0;
-        if (const int error = posix_spawnp(&child, options.command[0], nullptr, nullptr, options.command.data(),
-                                           environ);
+        if (const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command.data(), environ);
             error != 0) {
-            std::fprintf(stderr, "halyx-sim: cannot run %s: %s\n", options.command[0], std::strerror(error));
+            std::fprintf(stderr, "halyx-sim: cannot run %s: %s\n", command[0], std::strerror(error));
             return 127;
         }
 

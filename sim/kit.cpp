@@ -2,8 +2,19 @@
 
 #include <fmt/format.h>
 
+#include "devices/known_kits.hpp"
+
 namespace HALYX::SIM {
 namespace {
+
+using namespace HALYX::KnownKits;
+
+// Ids of kits the shared table has no use for.
+constexpr uint16_t kMakerTrekkitProductId = 0x1055;
+constexpr uint16_t kProbeProductId = 0x1051;
+constexpr uint16_t kOpenVendorId = 0x1209;
+constexpr uint16_t kOpenSerialAdapterProductId = 0x0001;
+constexpr uint16_t kOpenMcubootBoardProductId = 0x0B00;
 
 constexpr uint8_t kClassCdc = 0x02;
 constexpr uint8_t kClassCdcData = 0x0A;
@@ -79,10 +90,10 @@ KitModel makerKit(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "maker";
-    kit.vendorId = 0x7A5C;
-    kit.productId = 0x1055;
+    kit.vendorId = kMakerVendorId;
+    kit.productId = kMakerTrekkitProductId;
     kit.bcdDevice = 0x0106;
-    kit.manufacturer = "Kelvane Semiconductor";
+    kit.manufacturer = std::string(kMakerManufacturer);
     kit.product = "Trekkit DK";
     kit.serialNumber = serial_number;
     kit.cdcPorts = 2;
@@ -96,8 +107,8 @@ KitModel probeKit(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "probe";
-    kit.vendorId = 0x1366;
-    kit.productId = 0x1051;
+    kit.vendorId = kProbeVendorId;
+    kit.productId = kProbeProductId;
     kit.bcdDevice = 0x0100;
     kit.manufacturer = "SEGGER";
     kit.product = "J-Link";
@@ -111,10 +122,11 @@ KitModel oldCdcKit(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "oldcdc";
-    kit.vendorId = 0x7A5C;
-    kit.productId = 0x9100;
-    kit.bcdDevice = 0x0203;
-    kit.manufacturer = "Kelvane Semiconductor";
+    kit.vendorId = kMakerVendorId;
+    kit.productId = kDevelopmentKitProductId;
+    // Just below the first CDC firmware without the DTR/RTS and baud rate faults.
+    kit.bcdDevice = static_cast<uint16_t>(kFirstGoodCdcFirmware - 1);
+    kit.manufacturer = std::string(kMakerManufacturer);
     kit.product = "Trekkit Dongle";
     kit.serialNumber = serial_number;
     kit.cdcPorts = 1;
@@ -126,8 +138,8 @@ KitModel otherVendorDevice(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "other";
-    kit.vendorId = 0x1209;
-    kit.productId = 0x0001;
+    kit.vendorId = kOpenVendorId;
+    kit.productId = kOpenSerialAdapterProductId;
     kit.bcdDevice = 0x0100;
     kit.manufacturer = "Open Hardware";
     kit.product = "USB Serial Adapter";
@@ -140,14 +152,33 @@ KitModel mcubootDevice(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "mcuboot";
-    kit.vendorId = 0x1209;
-    kit.productId = 0x0B00;
+    kit.vendorId = kOpenVendorId;
+    kit.productId = kOpenMcubootBoardProductId;
     kit.bcdDevice = 0x0200;
     kit.manufacturer = "Open Hardware";
-    kit.product = "MCUBOOT";
+    kit.product = std::string(kMcubootProductMarker);
     kit.serialNumber = serial_number;
     kit.cdcPorts = 1;
     kit.serialRecovery = true;
+    kit.bootloader = SmpSimulator::Config::mcuboot();
+    return kit;
+}
+
+KitModel mcubootAlign8Device(const std::string& serial_number)
+{
+    auto kit = mcubootDevice(serial_number);
+    kit.name = "mcuboot-align8";
+    kit.bootloader.writeBlockSize = 8;
+    return kit;
+}
+
+KitModel mcubootParamsDevice(const std::string& serial_number)
+{
+    auto kit = mcubootDevice(serial_number);
+    kit.name = "mcuboot-params";
+    // A larger buffer to tell about; lines stay at the console's 128 bytes.
+    kit.bootloader.answerParameters = true;
+    kit.bootloader.receiveBufferSize = 2048;
     return kit;
 }
 
@@ -155,39 +186,57 @@ KitModel cellularKit(const std::string& serial_number)
 {
     KitModel kit;
     kit.name = "cellular";
-    kit.vendorId = 0x7A5C;
-    kit.productId = 0x520F;
+    kit.vendorId = kMakerVendorId;
+    kit.productId = kCellularKitProductId;
     kit.bcdDevice = 0x0100;
-    kit.manufacturer = "Kelvane Semiconductor";
+    kit.manufacturer = std::string(kMakerManufacturer);
     kit.product = "Trekkit Cellular DK";
     kit.serialNumber = serial_number;
     // The boot loader on the first port, the modem's trace on the second.
     kit.cdcPorts = 2;
     kit.serialRecovery = true;
-    kit.smpFrameMax = 127;
-    kit.smpPackMax = 4096;
+    kit.bootloader = SmpSimulator::Config::permissive();
+    kit.bootloader.frameMax = 127;
+    kit.bootloader.packMax = 4096;
     return kit;
+}
+
+namespace {
+
+struct NamedKit {
+    const char* name;
+    KitModel (*make)(const std::string&);
+};
+
+// Each factory's default argument names its own serial number.
+const NamedKit kKits[] = {
+    {"maker", [](const std::string& s) { return s.empty() ? makerKit() : makerKit(s); }},
+    {"probe", [](const std::string& s) { return s.empty() ? probeKit() : probeKit(s); }},
+    {"oldcdc", [](const std::string& s) { return s.empty() ? oldCdcKit() : oldCdcKit(s); }},
+    {"other", [](const std::string& s) { return s.empty() ? otherVendorDevice() : otherVendorDevice(s); }},
+    {"mcuboot", [](const std::string& s) { return s.empty() ? mcubootDevice() : mcubootDevice(s); }},
+    {"mcuboot-align8", [](const std::string& s) { return s.empty() ? mcubootAlign8Device() : mcubootAlign8Device(s); }},
+    {"mcuboot-params", [](const std::string& s) { return s.empty() ? mcubootParamsDevice() : mcubootParamsDevice(s); }},
+    {"cellular", [](const std::string& s) { return s.empty() ? cellularKit() : cellularKit(s); }},
+};
+
+} // namespace
+
+std::vector<std::string> kitNames()
+{
+    std::vector<std::string> names;
+    for (const auto& kit : kKits) {
+        names.emplace_back(kit.name);
+    }
+    return names;
 }
 
 std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number)
 {
-    if (name == "maker") {
-        return serial_number.empty() ? makerKit() : makerKit(serial_number);
-    }
-    if (name == "probe") {
-        return serial_number.empty() ? probeKit() : probeKit(serial_number);
-    }
-    if (name == "oldcdc") {
-        return serial_number.empty() ? oldCdcKit() : oldCdcKit(serial_number);
-    }
-    if (name == "other") {
-        return serial_number.empty() ? otherVendorDevice() : otherVendorDevice(serial_number);
-    }
-    if (name == "mcuboot") {
-        return serial_number.empty() ? mcubootDevice() : mcubootDevice(serial_number);
-    }
-    if (name == "cellular") {
-        return serial_number.empty() ? cellularKit() : cellularKit(serial_number);
+    for (const auto& kit : kKits) {
+        if (name == kit.name) {
+            return kit.make(serial_number);
+        }
     }
     return std::nullopt;
 }

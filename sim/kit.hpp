@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "smp_simulator.hpp"
+
 namespace HALYX::SIM {
 
 // What a simulated USB kit shows the host. The descriptors are built from
@@ -21,9 +23,7 @@ struct KitModel {
     bool dfuTrigger = false;        // the maker's DFU-trigger interface (vendor class, 1/1)
     bool vendorInterface = false;   // a vendor-specific bulk interface (a probe's)
     bool serialRecovery = false;    // an MCUboot boot loader in serial recovery answers on the first tty
-    // Its answer to the communication-parameter query; 0 and 0: it stays silent, as older ones do.
-    uint32_t smpFrameMax = 0;
-    uint32_t smpPackMax = 0;
+    SmpSimulator::Config bootloader; // how that boot loader behaves
     // The DFU-trigger interface's answers; empty means it stalls the request.
     std::string semVer;
     std::vector<uint8_t> dfuInfo;   // 24 bytes when set
@@ -31,18 +31,26 @@ struct KitModel {
 
 // The kits of the simulator: the maker's kit with two serial ports, a kit
 // behind an on-board debug probe, a maker's device with old CDC firmware, a
-// device of another vendor, and two kits waiting in MCUboot serial recovery:
+// device of another vendor, and kits waiting in MCUboot serial recovery:
 // another vendor's board that names the boot loader in its product string
-// and the maker's cellular kit, known by its product id.
+// (a stock boot loader; one variant writes flash in 8-byte blocks, one
+// answers the MCUmgr parameter query with a 2048-byte buffer) and the
+// maker's cellular kit, known by its product id, whose boot loader is the
+// forgiving one that answers the "smp_com" query.
 KitModel makerKit(const std::string& serial_number = "KV0000001");
 KitModel probeKit(const std::string& serial_number = "000683000123");
 KitModel oldCdcKit(const std::string& serial_number = "KV0000009");
 KitModel otherVendorDevice(const std::string& serial_number = "OTHER0001");
 KitModel mcubootDevice(const std::string& serial_number = "MB0000001");
+KitModel mcubootAlign8Device(const std::string& serial_number = "MB0000008");
+KitModel mcubootParamsDevice(const std::string& serial_number = "MB0000002");
 KitModel cellularKit(const std::string& serial_number = "KV0000520");
 
+// The names kitByName() knows, in the order above.
+std::vector<std::string> kitNames();
 // The kit of this name ("maker", "probe", "oldcdc", "other", "mcuboot",
-// "cellular"); nullopt if unknown.
+// "mcuboot-align8", "mcuboot-params", "cellular") with the given serial
+// number, or its own when empty; nullopt if unknown.
 std::optional<KitModel> kitByName(const std::string& name, const std::string& serial_number = {});
 
 // The 24-byte DFU-trigger information record.

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -225,10 +226,18 @@ Testbed::Testbed() : testbed_(umockdev_testbed_new())
         g_object_unref(testbed_);
         throw std::runtime_error("simulated kits need the umockdev preload: run this program under umockdev-wrapper");
     }
+    reboot_thread_ = std::thread([this] { serveReboots(); });
 }
 
 Testbed::~Testbed()
 {
+    {
+        std::lock_guard lock(reboot_mutex_);
+        stopping_ = true;
+    }
+    reboot_wake_.notify_all();
+    reboot_thread_.join();
+    // Their reboot handlers only queue now; nobody serves the queue.
     bootloaders_.clear();
     for (const auto& [node, responder] : usb_responders_) {
         umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
@@ -264,10 +273,22 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
     kit.model = model;
     kit.place = Placement{1, next_port_++, next_devnum_++, next_tty_};
     next_tty_ += model.cdcPorts;
+    attachKit(kit, ports_later);
+    if (!ports_later) {
+        startBootloader(kit);
+    }
+    return kits_[kit.id] = std::move(kit);
+}
 
-    const auto nodes = describeKit(model, kit.place);
+// Adds the kit's nodes at its placement and answers for them.
+void Testbed::attachKit(Kit& kit, bool ports_later)
+{
+    const auto nodes = describeKit(kit.model, kit.place);
     kit.usbSyspath = nodes.front().syspath;
     kit.usbNode = nodes.front().devnode;
+    kit.ttys.clear();
+    kit.devlinks.clear();
+    kit.syspaths.clear();
 
     std::vector<SysfsNode> ports;
     for (const auto& node : nodes) {
@@ -287,7 +308,7 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
             bindTty(node);
         }
         if (&node == &nodes.front()) {
-            auto responder = std::make_unique<UsbResponder>(model);
+            auto responder = std::make_unique<UsbResponder>(kit.model);
             GError* error = nullptr;
             if (!umockdev_testbed_attach_ioctl(testbed_, kit.usbNode.c_str(), responder->handler(), &error)) {
                 fail("cannot attach to " + kit.usbNode, error);
@@ -297,10 +318,7 @@ const Testbed::Kit& Testbed::plug(const KitModel& model, bool ports_later)
     }
     if (!ports.empty()) {
         pending_ports_[kit.id] = std::move(ports);
-    } else {
-        startBootloader(kit);
     }
-    return kits_[kit.id] = std::move(kit);
 }
 
 void Testbed::addPorts(unsigned id)
@@ -356,22 +374,23 @@ void Testbed::startBootloader(const Kit& kit)
     if (!kit.model.serialRecovery || kit.ttys.empty()) {
         return;
     }
-    SmpSimulator::Config config;
-    if (kit.model.smpFrameMax != 0 && kit.model.smpPackMax != 0) {
-        config.frameMax = kit.model.smpFrameMax;
-        config.packMax = kit.model.smpPackMax;
-    }
     const auto& tty = kit.ttys.front();
     const int master = umockdev_testbed_get_dev_fd(testbed_, tty.c_str());
     if (master < 0) {
         throw std::runtime_error("no terminal behind " + tty);
     }
-    bootloaders_[kit.id] = std::make_unique<SmpSimulator>(config, master, tty);
+    auto bootloader = std::make_unique<SmpSimulator>(kit.model.bootloader, master, tty);
+    bootloader->setRebootHandler([this, id = kit.id](std::chrono::milliseconds away) { requestReboot(id, away); });
+    bootloaders_[kit.id] = std::move(bootloader);
 }
 
 void Testbed::unplug(unsigned id)
 {
     std::lock_guard lock(mutex_);
+    if (away_.erase(id) > 0) {
+        bootloaders_.erase(id);
+        return;
+    }
     auto node = kits_.extract(id);
     if (node.empty()) {
         throw std::invalid_argument("no simulated kit with id " + std::to_string(id));
@@ -379,7 +398,12 @@ void Testbed::unplug(unsigned id)
     pending_ports_.erase(id);
     // Silence the boot loader before its terminal goes away.
     bootloaders_.erase(id);
-    const auto& kit = node.mapped();
+    detachKit(node.mapped());
+}
+
+// Removes the kit's nodes, children first, with "remove" uevents.
+void Testbed::detachKit(const Kit& kit)
+{
     for (const auto& tty : kit.ttys) {
         if (tty_forwarders_.erase(tty) > 0) {
             umockdev_testbed_detach_ioctl(testbed_, tty.c_str(), nullptr);
@@ -393,6 +417,88 @@ void Testbed::unplug(unsigned id)
     for (auto it = kit.syspaths.rbegin(); it != kit.syspaths.rend(); ++it) {
         umockdev_testbed_uevent(testbed_, it->c_str(), "remove");
         umockdev_testbed_remove_device(testbed_, it->c_str());
+    }
+}
+
+// On a boot loader's thread: only queue, the reboot thread does the rest.
+void Testbed::requestReboot(unsigned id, std::chrono::milliseconds away)
+{
+    {
+        std::lock_guard lock(reboot_mutex_);
+        reboots_.emplace(Clock::now(), Reboot{id, false, away});
+    }
+    reboot_wake_.notify_all();
+}
+
+void Testbed::serveReboots()
+{
+    std::unique_lock lock(reboot_mutex_);
+    while (!stopping_) {
+        if (reboots_.empty()) {
+            reboot_wake_.wait(lock);
+            continue;
+        }
+        const auto due = reboots_.begin()->first;
+        if (Clock::now() < due) {
+            reboot_wake_.wait_until(lock, due);
+            continue;
+        }
+        const auto job = reboots_.begin()->second;
+        reboots_.erase(reboots_.begin());
+        lock.unlock();
+        try {
+            if (!job.back) {
+                const auto back_at = Clock::now() + job.away;
+                if (takeAway(job.id)) {
+                    std::lock_guard queue(reboot_mutex_);
+                    reboots_.emplace(back_at, Reboot{job.id, true, job.away});
+                }
+            } else {
+                bringBack(job.id);
+            }
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "simulated kit %u: reboot failed: %s\n", job.id, e.what());
+        }
+        lock.lock();
+    }
+}
+
+// The kit leaves the bus; its boot loader, silent since the reset, stays.
+bool Testbed::takeAway(unsigned id)
+{
+    std::lock_guard lock(mutex_);
+    auto node = kits_.extract(id);
+    if (node.empty()) {
+        return false; // unplugged meanwhile
+    }
+    detachKit(node.mapped());
+    away_.insert(std::move(node));
+    return true;
+}
+
+// The kit is back on the same port: a new device number and new tty names,
+// the same serial number and by-id links, the same boot loader.
+void Testbed::bringBack(unsigned id)
+{
+    std::lock_guard lock(mutex_);
+    auto node = away_.extract(id);
+    if (node.empty()) {
+        return; // unplugged while away
+    }
+    auto& kit = node.mapped();
+    kit.place.devnum = next_devnum_++;
+    kit.place.firstTty = next_tty_;
+    next_tty_ += kit.model.cdcPorts;
+    attachKit(kit, false);
+    const auto& tty = kit.ttys.front();
+    const auto it = bootloaders_.find(id);
+    const int master = umockdev_testbed_get_dev_fd(testbed_, tty.c_str());
+    kits_.insert(std::move(node));
+    if (it != bootloaders_.end()) {
+        if (master < 0) {
+            throw std::runtime_error("no terminal behind " + tty);
+        }
+        it->second->attach(master, tty);
     }
 }
 

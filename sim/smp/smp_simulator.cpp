@@ -1,5 +1,6 @@
 #include "smp_simulator.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
@@ -13,6 +14,8 @@
 #include <nettle/sha2.h>
 #include <nlohmann/json.hpp>
 
+#include "upload_map.hpp"
+
 namespace HALYX::SIM {
 namespace {
 
@@ -23,8 +26,21 @@ using Clock = std::chrono::steady_clock;
 // SMP management error codes a device answers with.
 constexpr int kNoMemory = 2;
 constexpr int kInvalid = 3;
+constexpr int kNoEntry = 5;
 constexpr int kBadState = 6;
 constexpr int kNotSupported = 8;
+
+// Groups and commands a boot loader in serial recovery knows.
+constexpr uint16_t kDefaultGroup = 0;
+constexpr uint16_t kImageGroup = 1;
+constexpr uint16_t kStatisticsGroup = 2;
+constexpr uint16_t kModemGroup = 0x41;
+constexpr uint8_t kConsoleEchoControl = 1;
+constexpr uint8_t kReset = 5;
+constexpr uint8_t kMcumgrParameters = 6;
+constexpr uint8_t kImageUpload = 1;
+constexpr uint8_t kImageErase = 5;
+constexpr uint8_t kErasedByte = 0xFF;
 
 struct Rejection {
     int rc;
@@ -68,36 +84,74 @@ void checkKeyOrder(const ordered_json& map)
 
 SmpSimulator::Command classify(const WirePacket& p)
 {
-    if ((p.group == 1 || p.group == 0x41) && p.id == 1) {
+    if ((p.group == kImageGroup || p.group == kModemGroup) && p.id == kImageUpload) {
         return SmpSimulator::Command::Upload;
     }
-    if (p.group == 1 && p.id == 5) {
+    if (p.group == kImageGroup && p.id == kImageErase) {
         return SmpSimulator::Command::Erase;
     }
-    if (p.group == 0 && p.id == 5) {
+    if (p.group == kDefaultGroup && p.id == kReset) {
         return SmpSimulator::Command::Reset;
     }
     return SmpSimulator::Command::ParameterQuery;
 }
 
-WirePacket reply(const WirePacket& request, const json& map)
+// The request's header with op + 1 and no flags, as the boot loader answers.
+WirePacket reply(const WirePacket& request, const ordered_json& map, bool indefinite)
 {
     WirePacket response;
     response.op = static_cast<uint8_t>(request.op + 1);
     response.group = request.group;
     response.seq = request.seq;
     response.id = request.id;
-    response.payload = json::to_cbor(map);
+    response.payload = ordered_json::to_cbor(map);
+    // The answers are flat maps of fewer than 24 entries: the head is one byte.
+    if (indefinite && !response.payload.empty() && (response.payload[0] & 0xE0) == 0xA0 &&
+        (response.payload[0] & 0x1F) < 24) {
+        response.payload[0] = 0xBF;
+        response.payload.push_back(0xFF);
+    }
     return response;
 }
 
 } // namespace
+
+SmpSimulator::Config SmpSimulator::Config::mcuboot()
+{
+    Config config;
+    config.pageEraseTime = std::chrono::milliseconds(45);
+    return config;
+}
+
+SmpSimulator::Config SmpSimulator::Config::permissive()
+{
+    Config config;
+    config.lineMax = 500;
+    config.receiveBufferSize = 65535;
+    config.perLineDecoding = false;
+    config.answerStatistics = true;
+    config.eraseCommand = true;
+    config.writeBlockSize = 1;
+    config.slotSize = 4 * 1024 * 1024;
+    config.rebootOnReset = false;
+    config.responseLineMax = 128;
+    config.imageCount = 0;
+    config.indefiniteMaps = false;
+    config.permissiveUpload = true;
+    return config;
+}
 
 SmpSimulator::SmpSimulator(Config config) : SmpSimulator(std::move(config), -1, {}) {}
 
 SmpSimulator::SmpSimulator(Config config, int master, std::string port)
     : config_(std::move(config)), borrowed_master_(master), borrowed_port_(std::move(port))
 {
+    if (config_.lineMax < 3 || config_.responseLineMax < 4 || config_.receiveBufferSize == 0 ||
+        config_.writeBlockSize == 0 || config_.pageSize == 0) {
+        throw std::invalid_argument("SMP simulator: line limits of at least 3 (requests) and 4 (answers), and a "
+                                    "receive buffer, write block and page of at least one byte");
+    }
+    decoder_ = LineDecoder(decoderLimits());
     wake_fd_ = ::eventfd(0, EFD_CLOEXEC);
     if (wake_fd_ < 0) {
         throw std::runtime_error("eventfd failed");
@@ -116,11 +170,17 @@ SmpSimulator::~SmpSimulator()
     {
         std::lock_guard lock(mutex_);
         stop_ = true;
+        changed_.notify_all();
     }
     wake();
     thread_.join();
     closeTerminal();
     ::close(wake_fd_);
+}
+
+DecoderLimits SmpSimulator::decoderLimits() const
+{
+    return DecoderLimits{config_.perLineDecoding, config_.lineMax, config_.receiveBufferSize};
 }
 
 void SmpSimulator::openTerminal()
@@ -130,17 +190,16 @@ void SmpSimulator::openTerminal()
         return;
     }
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
-        ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) != 0) {
-        throw std::runtime_error("cannot create a pseudo-terminal");
-    }
     char name[128];
-    if (::ptsname_r(master, name, sizeof name) != 0) {
-        throw std::runtime_error("cannot name the pseudo-terminal");
-    }
-    const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const bool ready = master >= 0 && ::grantpt(master) == 0 && ::unlockpt(master) == 0 &&
+                       ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK) == 0 &&
+                       ::ptsname_r(master, name, sizeof name) == 0;
+    const int slave = ready ? ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
     if (slave < 0) {
-        throw std::runtime_error("cannot open the pseudo-terminal");
+        if (master >= 0) {
+            ::close(master);
+        }
+        throw std::runtime_error("cannot create a pseudo-terminal");
     }
     // Raw from the start: an echo would hand the device its own answers.
     termios settings{};
@@ -150,7 +209,7 @@ void SmpSimulator::openTerminal()
     master_ = master;
     slave_ = slave;
     port_ = name;
-    decoder_ = LineDecoder();
+    decoder_ = LineDecoder(decoderLimits());
 }
 
 // A duplicate of the owner's master, so that unplug() can close it; the
@@ -173,7 +232,7 @@ void SmpSimulator::openBorrowedTerminal()
     master_ = master;
     slave_ = slave;
     port_ = borrowed_port_;
-    decoder_ = LineDecoder();
+    decoder_ = LineDecoder(decoderLimits());
 }
 
 void SmpSimulator::closeTerminal()
@@ -212,20 +271,23 @@ void SmpSimulator::setResponseDelay(std::chrono::milliseconds delay)
 
 void SmpSimulator::unplug()
 {
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     if (master_ < 0) {
+        stay_away_ = rebooting_;
         return;
     }
     unplug_requested_ = true;
+    changed_.notify_all(); // ends an erase or the wait before a reboot
     wake();
     changed_.wait(lock, [this] { return master_ < 0; });
 }
 
 void SmpSimulator::replug()
 {
-    std::unique_lock lock(mutex_);
-    if (master_ >= 0) {
-        return;
+    std::lock_guard lock(mutex_);
+    stay_away_ = false;
+    if (master_ >= 0 || rebooting_) {
+        return; // a reboot brings it back by itself
     }
     // The server thread does not touch the terminal while it is unplugged.
     openTerminal();
@@ -239,17 +301,48 @@ bool SmpSimulator::plugged() const
     return master_ >= 0;
 }
 
+void SmpSimulator::setRebootHandler(RebootHandler handler)
+{
+    std::lock_guard lock(mutex_);
+    reboot_handler_ = std::move(handler);
+}
+
+void SmpSimulator::attach(int master, std::string port)
+{
+    std::lock_guard lock(mutex_);
+    closeTerminal();
+    borrowed_master_ = master;
+    borrowed_port_ = std::move(port);
+    rebooting_ = false;
+    if (!stay_away_) {
+        openBorrowedTerminal();
+    }
+    changed_.notify_all();
+    wake();
+}
+
 std::vector<uint8_t> SmpSimulator::image(uint16_t group, uint32_t number) const
 {
     std::lock_guard lock(mutex_);
     const auto it = slots_.find({group, number});
+    if (it == slots_.end()) {
+        return {};
+    }
+    const auto& data = it->second.data;
+    return {data.begin(), data.begin() + static_cast<std::ptrdiff_t>(std::min(it->second.stored, data.size()))};
+}
+
+std::vector<uint8_t> SmpSimulator::flash(uint32_t number) const
+{
+    std::lock_guard lock(mutex_);
+    const auto it = slots_.find({kImageGroup, number});
     return it != slots_.end() ? it->second.data : std::vector<uint8_t>{};
 }
 
 std::optional<uint32_t> SmpSimulator::address(uint32_t number) const
 {
     std::lock_guard lock(mutex_);
-    const auto it = slots_.find({0x41, number});
+    const auto it = slots_.find({kModemGroup, number});
     return it != slots_.end() ? it->second.address : std::nullopt;
 }
 
@@ -261,8 +354,20 @@ SmpSimulator::Stats SmpSimulator::stats() const
 
 bool SmpSimulator::waitForResets(size_t count, std::chrono::milliseconds timeout) const
 {
-    std::unique_lock lock(mutex_);
+    Lock lock(mutex_);
     return changed_.wait_for(lock, timeout, [&] { return stats_.resets >= count; });
+}
+
+bool SmpSimulator::waitForReboots(size_t count, std::chrono::milliseconds timeout) const
+{
+    Lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return stats_.reboots >= count && !rebooting_ && master_ >= 0; });
+}
+
+bool SmpSimulator::waitForSlotErases(size_t count, std::chrono::milliseconds timeout) const
+{
+    Lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return stats_.slotErasesStarted >= count; });
 }
 
 void SmpSimulator::run()
@@ -304,12 +409,17 @@ void SmpSimulator::run()
         std::vector<WirePacket> requests;
         {
             std::lock_guard lock(mutex_);
+            if (master_ != fd) {
+                continue; // unplugged while the bytes were on the line
+            }
             stats_.rxBytes += static_cast<size_t>(count);
             requests = decoder_.feed(std::span<const uint8_t>(buffer.data(), static_cast<size_t>(count)));
             stats_.line = decoder_.stats();
         }
         for (const auto& request : requests) {
-            serve(request);
+            if (!serve(request)) {
+                break; // it went away: what else came with these bytes is lost
+            }
         }
     }
 }
@@ -338,91 +448,242 @@ std::optional<SmpSimulator::PlannedFault> SmpSimulator::takeFault(Command comman
     return std::nullopt;
 }
 
-void SmpSimulator::serve(const WirePacket& request)
+// Packets beyond the permissive limits: a real device's buffers would have
+// overflowed, so it answers nothing.
+bool SmpSimulator::oversized(const WirePacket& request) const
+{
+    const size_t line_limit = config_.frameMax.value_or(static_cast<uint32_t>(config_.lineMax));
+    const size_t decoded = 2 + 8 + request.payload.size() + 2;
+    return request.longestLine > line_limit || (config_.packMax && request.textSize > *config_.packMax) ||
+           decoded > config_.receiveBufferSize;
+}
+
+// Returns false when the device went away (unplugged or rebooting).
+bool SmpSimulator::serve(const WirePacket& request)
 {
     std::optional<PlannedFault> fault;
-    WirePacket response;
+    std::optional<WirePacket> response;
+    bool reboot_after = false;
     {
-        std::lock_guard lock(mutex_);
+        Lock lock(mutex_);
         const auto command = classify(request);
         uint32_t offset = 0;
         if (command == Command::Upload) {
-            try {
-                const auto map = json::from_cbor(request.payload);
-                offset = map.at("off").get<uint32_t>();
-            } catch (const std::exception&) {
+            if (const auto fields = readUploadMap(request.payload); fields && fields->offset) {
+                offset = *fields->offset;
             }
         }
         fault = takeFault(command, offset);
         if (fault && fault->fault == Fault::IgnoreRequest) {
-            return;
+            return true;
         }
         if (fault && fault->fault == Fault::Unplug) {
             closeTerminal();
             changed_.notify_all();
-            return;
+            return false;
         }
-        const bool oversized = (config_.packMax && request.textSize > *config_.packMax) ||
-                               (config_.frameMax && request.longestLine > *config_.frameMax);
-        if (oversized) {
-            // A real device's buffers would have overflowed: it answers nothing.
+        if (!config_.perLineDecoding && oversized(request)) {
             ++stats_.oversized;
-            return;
+            return true;
         }
-        if (command == Command::ParameterQuery && request.group == 2 &&
-            (!config_.answerParameterQuery || !config_.frameMax || !config_.packMax)) {
-            ++stats_.parameterQueries;
-            return;
-        }
-        response = answer(request, fault);
+        const bool handled = !(fault && fault->fault == Fault::ErrorRc);
+        response = answer(request, fault, lock);
         changed_.notify_all();
-    }
-    if (fault && fault->fault == Fault::DropResponse) {
-        return;
-    }
-    send(response, fault);
-}
-
-WirePacket SmpSimulator::answer(const WirePacket& request, std::optional<PlannedFault>& fault)
-{
-    if (fault && fault->fault == Fault::ErrorRc) {
-        ++stats_.rejected;
-        return reply(request, json{{"rc", fault->rc}});
-    }
-    const auto command = classify(request);
-    const bool write = request.op == 2;
-    if (command == Command::Upload && write) {
-        return handleUpload(request, fault);
-    }
-    if (command == Command::Erase && write) {
-        ++stats_.erases;
-        slots_.erase({1, 0});
-        uploading_.reset();
-        return reply(request, json{{"rc", 0}});
-    }
-    if (command == Command::Reset && write) {
-        ++stats_.resets;
-        uploading_.reset();
-        return reply(request, json{{"rc", 0}});
-    }
-    if (request.group == 2 && request.id == 0 && request.op == 0) {
-        ++stats_.parameterQueries;
-        try {
-            if (json::from_cbor(request.payload).at("name") == "smp_com") {
-                return reply(request, json{{"rc", 0},
-                                           {"name", "smp_com"},
-                                           {"fields", {{"frame_max", *config_.frameMax}, {"pack_max", *config_.packMax}}}});
-            }
-        } catch (const std::exception&) {
+        if (interrupted()) {
+            return false;
         }
-        ++stats_.rejected;
-        return reply(request, json{{"rc", kInvalid}});
+        reboot_after = handled && command == Command::Reset && config_.rebootOnReset;
     }
-    ++stats_.rejected;
-    return reply(request, json{{"rc", kNotSupported}});
+    if (response && !(fault && fault->fault == Fault::DropResponse)) {
+        send(*response, fault);
+    }
+    if (reboot_after) {
+        reboot();
+        return false;
+    }
+    return true;
 }
 
-WirePacket SmpSimulator::handleUpload(const WirePacket& request, const std::optional<PlannedFault>& fault)
+std::optional<WirePacket> SmpSimulator::answer(const WirePacket& request, std::optional<PlannedFault>& fault,
+                                               Lock& lock)
+{
+    const bool indefinite = config_.indefiniteMaps;
+    auto rc = [&](int code) {
+        if (code != 0) {
+            ++stats_.rejected;
+        }
+        return reply(request, ordered_json{{"rc", code}}, indefinite);
+    };
+    if (fault && fault->fault == Fault::ErrorRc) {
+        return rc(fault->rc);
+    }
+    // The boot loader looks at group and id only; a read or a write does the same.
+    if (request.group == kDefaultGroup) {
+        switch (request.id) {
+        case kConsoleEchoControl: return rc(0);
+        case kReset:
+            ++stats_.resets;
+            uploading_.reset();
+            return rc(0);
+        case kMcumgrParameters:
+            ++stats_.parameterQueries;
+            if (config_.answerParameters) {
+                return reply(request, ordered_json{{"buf_size", config_.receiveBufferSize}, {"buf_count", 1}},
+                             indefinite);
+            }
+            return rc(kNotSupported);
+        default: return rc(kNotSupported);
+        }
+    }
+    if (request.group == kImageGroup && request.id == kImageUpload) {
+        return upload(request, fault, lock);
+    }
+    if (request.group == kImageGroup && request.id == kImageErase && config_.eraseCommand) {
+        if (!eraseSlot(slots_[{kImageGroup, 0}], lock)) {
+            return std::nullopt;
+        }
+        ++stats_.erases;
+        ram_ = {};
+        uploading_.reset();
+        return rc(0);
+    }
+    if (request.group == kModemGroup && request.id == kImageUpload && config_.permissiveUpload) {
+        return permissiveUpload(request, fault);
+    }
+    if (request.group == kStatisticsGroup) {
+        ++stats_.parameterQueries;
+        return statistics(request);
+    }
+    return rc(kNotSupported);
+}
+
+// The communication-parameter query of the statistics group ("smp_com").
+// A stock boot loader has no statistics group.
+std::optional<WirePacket> SmpSimulator::statistics(const WirePacket& request)
+{
+    const bool indefinite = config_.indefiniteMaps;
+    auto rc = [&](int code) {
+        ++stats_.rejected;
+        return reply(request, ordered_json{{"rc", code}}, indefinite);
+    };
+    if (!config_.answerStatistics || request.id != 0 || request.op != 0) {
+        return rc(kNotSupported);
+    }
+    if (!config_.frameMax || !config_.packMax) {
+        return std::nullopt; // the forgiving device without limits to tell stays silent
+    }
+    try {
+        if (json::from_cbor(request.payload).at("name") == "smp_com") {
+            return reply(request,
+                         ordered_json{{"rc", 0},
+                                      {"name", "smp_com"},
+                                      {"fields", {{"frame_max", *config_.frameMax}, {"pack_max", *config_.packMax}}}},
+                         indefinite);
+        }
+    } catch (const std::exception&) {
+    }
+    return rc(kInvalid);
+}
+
+// An image chunk as the boot loader takes it. Its state (image, length,
+// offset) lives in RAM; a chunk at offset 0 restarts the upload and erases
+// the whole slot before it is answered.
+std::optional<WirePacket> SmpSimulator::upload(const WirePacket& request, const std::optional<PlannedFault>& fault,
+                                               Lock& lock)
+{
+    if (config_.permissiveUpload) {
+        return permissiveUpload(request, fault);
+    }
+    auto rc = [&](int code) {
+        ++stats_.rejected;
+        return reply(request, ordered_json{{"rc", code}}, config_.indefiniteMaps);
+    };
+    auto at = [&](size_t offset) {
+        ++stats_.uploads;
+        const bool wrong = fault && fault->fault == Fault::WrongOffset;
+        return reply(request, ordered_json{{"rc", 0}, {"off", offset + (wrong ? 1 : 0)}}, config_.indefiniteMaps);
+    };
+    const auto fields = readUploadMap(request.payload);
+    if (!fields || !fields->offset || !fields->data) {
+        return rc(kInvalid);
+    }
+    const size_t offset = *fields->offset;
+    const auto& data = *fields->data;
+    if (offset == 0) {
+        ram_.image = fields->image.value_or(0); // later chunks' "image" is not read
+    }
+    if (config_.imageCount != 0 && ram_.image >= config_.imageCount) {
+        return rc(ram_.image > config_.imageCount ? kNoEntry : kInvalid);
+    }
+    auto& slot = slots_[{kImageGroup, ram_.image}];
+    if (offset == 0) {
+        ram_.offset = 0;
+        if (!fields->length || *fields->length > config_.slotSize) {
+            return rc(kInvalid);
+        }
+        // The boot loader would write such a chunk past "len"; refuse it.
+        if (data.size() > *fields->length) {
+            return rc(kInvalid);
+        }
+        if (!eraseSlot(slot, lock)) {
+            return std::nullopt;
+        }
+        ram_.length = *fields->length;
+        slot.length = ram_.length;
+    } else if (offset != ram_.offset) {
+        // Say where the upload stands; nothing is written.
+        ++stats_.repeatedChunks;
+        return at(ram_.offset);
+    } else if (ram_.offset + data.size() > ram_.length) {
+        return rc(kInvalid);
+    }
+    // Flash takes whole write blocks: a non-final chunk's partial last block
+    // is left for the next chunk, the final one is padded.
+    const size_t block = config_.writeBlockSize;
+    const size_t tail = data.size() % block;
+    const size_t whole = data.size() - tail;
+    const bool last = ram_.offset + data.size() >= ram_.length;
+    const size_t written = whole + (last ? tail : 0);
+    const size_t end = ram_.offset + whole + (last && tail != 0 ? block : 0);
+    if (end > slot.data.size()) {
+        return rc(kInvalid); // the flash refuses a write past the slot
+    }
+    for (size_t i = 0; i < end - ram_.offset; ++i) {
+        // Programming only clears bits, as on NOR flash.
+        slot.data[ram_.offset + i] &= i < written ? data[i] : kErasedByte;
+    }
+    if (!last && tail != 0) {
+        ++stats_.unalignedTails;
+    }
+    ram_.offset += written;
+    slot.stored = ram_.offset;
+    return at(ram_.offset);
+}
+
+bool SmpSimulator::eraseSlot(Slot& slot, Lock& lock)
+{
+    ++stats_.slotErasesStarted;
+    changed_.notify_all();
+    const auto pages = static_cast<int64_t>((config_.slotSize + config_.pageSize - 1) / config_.pageSize);
+    const auto until = Clock::now() + pages * config_.pageEraseTime;
+    // Busy with the flash: nothing is read from the line meanwhile.
+    if (changed_.wait_until(lock, until, [this] { return interrupted(); })) {
+        return false;
+    }
+    if (config_.permissiveUpload) {
+        slot.data.clear();
+    } else {
+        slot.data.assign(config_.slotSize, kErasedByte);
+    }
+    slot.stored = 0;
+    slot.length = 0;
+    ++stats_.slotErasesCompleted;
+    return true;
+}
+
+// The forgiving upload earlier clients were written against: every chunk
+// names its image, and the upload must have started at offset 0.
+WirePacket SmpSimulator::permissiveUpload(const WirePacket& request, const std::optional<PlannedFault>& fault)
 {
     try {
         ordered_json map;
@@ -444,7 +705,7 @@ WirePacket SmpSimulator::handleUpload(const WirePacket& request, const std::opti
         const uint32_t number = map.contains("image") ? unsignedValue(map, "image") : 0;
         std::optional<uint32_t> address;
         if (map.contains("addr")) {
-            if (request.group != 0x41) {
+            if (request.group != kModemGroup) {
                 throw Rejection{kInvalid};
             }
             address = unsignedValue(map, "addr");
@@ -467,6 +728,7 @@ WirePacket SmpSimulator::handleUpload(const WirePacket& request, const std::opti
             slot.length = length;
             slot.address = address;
             slot.data.assign(data.begin(), data.end());
+            slot.stored = slot.data.size();
             slots_[key] = std::move(slot);
             uploading_ = key;
             upload_offset_ = static_cast<uint32_t>(data.size());
@@ -486,22 +748,24 @@ WirePacket SmpSimulator::handleUpload(const WirePacket& request, const std::opti
                     throw Rejection{kInvalid};
                 }
                 slot.data.insert(slot.data.end(), data.begin(), data.end());
+                slot.stored = slot.data.size();
                 upload_offset_ += static_cast<uint32_t>(data.size());
             }
         }
         ++stats_.uploads;
         const bool wrong = fault && fault->fault == Fault::WrongOffset;
-        return reply(request, json{{"rc", 0}, {"off", upload_offset_ + (wrong ? 1u : 0u)}});
+        return reply(request, ordered_json{{"rc", 0}, {"off", upload_offset_ + (wrong ? 1u : 0u)}},
+                     config_.indefiniteMaps);
     } catch (const Rejection& rejection) {
         ++stats_.rejected;
-        return reply(request, json{{"rc", rejection.rc}});
+        return reply(request, ordered_json{{"rc", rejection.rc}}, config_.indefiniteMaps);
     }
 }
 
 void SmpSimulator::send(const WirePacket& response, const std::optional<PlannedFault>& fault)
 {
     std::chrono::milliseconds delay{0};
-    size_t line_max = config_.frameMax.value_or(static_cast<uint32_t>(config_.responseLineMax));
+    const size_t line_max = std::min<size_t>(config_.responseLineMax, config_.frameMax.value_or(UINT32_MAX));
     {
         std::lock_guard lock(mutex_);
         delay = delay_;
@@ -528,6 +792,43 @@ void SmpSimulator::send(const WirePacket& response, const std::optional<PlannedF
         done += static_cast<size_t>(n);
     }
     stats_.txBytes += done;
+}
+
+// The boot loader waits a moment after answering a reset, then restarts:
+// its USB device and port vanish, RAM is lost, flash is kept. A terminal of
+// its own comes back by itself; a borrowed one through the reboot handler's
+// owner, who calls attach().
+void SmpSimulator::reboot()
+{
+    Lock lock(mutex_);
+    if (changed_.wait_for(lock, config_.rebootDelay, [this] { return interrupted(); })) {
+        return;
+    }
+    closeTerminal();
+    ram_ = {};
+    uploading_.reset();
+    decoder_ = LineDecoder(decoderLimits());
+    rebooting_ = true;
+    ++stats_.reboots;
+    changed_.notify_all();
+    if (borrowed_master_ >= 0 && reboot_handler_) {
+        const auto handler = reboot_handler_;
+        lock.unlock();
+        handler(config_.rebootTime);
+        return;
+    }
+    if (changed_.wait_for(lock, config_.rebootTime, [this] { return stop_; })) {
+        return;
+    }
+    rebooting_ = false;
+    if (!stay_away_) {
+        try {
+            openTerminal();
+        } catch (const std::exception&) {
+            // No terminal to be had: it stays away, as if unplugged.
+        }
+    }
+    changed_.notify_all();
 }
 
 } // namespace HALYX::SIM

@@ -39,6 +39,27 @@ std::optional<std::vector<uint8_t>> decodeBase64(const std::string& text)
     return out;
 }
 
+// The value of a base64 character, 64 for '=', kNotBase64 for anything else.
+constexpr uint8_t kNotBase64 = 0xFF;
+uint8_t sextet(uint8_t c)
+{
+    if (c >= 'A' && c <= 'Z') {
+        return static_cast<uint8_t>(c - 'A');
+    }
+    if (c >= 'a' && c <= 'z') {
+        return static_cast<uint8_t>(c - 'a' + 26);
+    }
+    if (c >= '0' && c <= '9') {
+        return static_cast<uint8_t>(c - '0' + 52);
+    }
+    switch (c) {
+    case '+': return 62;
+    case '/': return 63;
+    case '=': return 64;
+    default: return kNotBase64;
+    }
+}
+
 } // namespace
 
 uint16_t crcXmodem(std::span<const uint8_t> bytes)
@@ -54,28 +75,48 @@ std::vector<WirePacket> LineDecoder::feed(std::span<const uint8_t> bytes)
 {
     std::vector<WirePacket> out;
     for (const uint8_t b : bytes) {
-        if (b != kNewline) {
+        ++line_length_;
+        // The device keeps the first lineMax bytes of a line; the rest, its
+        // newline too, never reaches the buffer.
+        if (!limits_.perLine || line_.size() < limits_.lineMax) {
             line_.push_back(b);
-            continue;
         }
-        onLine(line_, out);
-        line_.clear();
+        if (b == kNewline) {
+            onLine(out);
+            line_.clear();
+            line_length_ = 0;
+        }
     }
     return out;
 }
 
-void LineDecoder::onLine(const std::vector<uint8_t>& line, std::vector<WirePacket>& out)
+void LineDecoder::onLine(std::vector<WirePacket>& out)
 {
-    if (line.size() < 2) {
+    if (limits_.perLine) {
+        if (line_length_ > limits_.lineMax) {
+            ++stats_.linesCut;
+        }
+        onLinePerLine(out);
+    } else {
+        onLineJoined(out);
+    }
+}
+
+void LineDecoder::onLineJoined(std::vector<WirePacket>& out)
+{
+    const size_t size = line_.size() - 1; // without the newline
+    if (size < 2) {
+        ++stats_.noise;
         return;
     }
-    const bool start = line[0] == 0x06 && line[1] == 0x09;
-    const bool more = line[0] == 0x04 && line[1] == 0x14;
+    const bool start = line_[0] == 0x06 && line_[1] == 0x09;
+    const bool more = line_[0] == 0x04 && line_[1] == 0x14;
     if (!start && !more) {
-        return; // console noise
+        ++stats_.noise; // console output
+        return;
     }
     ++stats_.frames;
-    stats_.longestFrame = std::max(stats_.longestFrame, line.size() + 1);
+    stats_.longestFrame = std::max(stats_.longestFrame, line_length_);
     if (start) {
         text_.clear();
         in_packet_ = true;
@@ -84,8 +125,8 @@ void LineDecoder::onLine(const std::vector<uint8_t>& line, std::vector<WirePacke
         ++stats_.malformed;
         return;
     }
-    text_.append(line.begin() + 2, line.end());
-    packet_longest_ = std::max(packet_longest_, line.size() + 1);
+    text_.append(line_.begin() + 2, line_.begin() + static_cast<std::ptrdiff_t>(size));
+    packet_longest_ = std::max(packet_longest_, line_length_);
     // The length field in the first four characters tells when the packet
     // is complete, so a long packet is decoded once.
     if (text_.size() < 4) {
@@ -120,21 +161,156 @@ void LineDecoder::onLine(const std::vector<uint8_t>& line, std::vector<WirePacke
         ++stats_.crcErrors;
         return;
     }
-    WirePacket packet;
-    packet.op = covered[0] & 0x07;
-    packet.flags = covered[1];
     const size_t payload_length = (static_cast<size_t>(covered[2]) << 8) | covered[3];
-    packet.group = static_cast<uint16_t>((covered[4] << 8) | covered[5]);
-    packet.seq = covered[6];
-    packet.id = covered[7];
     if (payload_length != covered.size() - 8) {
         ++stats_.malformed;
         return;
     }
+    WirePacket packet;
+    packet.op = covered[0] & 0x07;
+    packet.flags = covered[1];
+    packet.group = static_cast<uint16_t>((covered[4] << 8) | covered[5]);
+    packet.seq = covered[6];
+    packet.id = covered[7];
     packet.payload.assign(covered.begin() + 8, covered.end());
     packet.textSize = text_.size();
     packet.longestLine = packet_longest_;
     out.push_back(std::move(packet));
+}
+
+void LineDecoder::onLinePerLine(std::vector<WirePacket>& out)
+{
+    const bool start = line_.size() >= 2 && line_[0] == 0x06 && line_[1] == 0x09;
+    const bool more = line_.size() >= 2 && line_[0] == 0x04 && line_[1] == 0x14;
+    if (!start && !more) {
+        ++stats_.noise;
+        return;
+    }
+    ++stats_.frames;
+    stats_.longestFrame = std::max(stats_.longestFrame, line_length_);
+    if (start) {
+        buffer_.clear();
+        packet_longest_ = 0;
+        packet_text_ = 0;
+    }
+    // What the device decodes is the stored line less its marker and its
+    // last byte: the newline, or on a cut line its last character.
+    const size_t text_size = line_.size() > 3 ? line_.size() - 3 : 0;
+    const std::span<const uint8_t> text(line_.data() + 2, text_size);
+    packet_longest_ = std::max(packet_longest_, line_length_);
+    packet_text_ += text_size;
+    auto decoded = decodeLikeDevice(text, limits_.bufferSize + 1 - buffer_.size());
+    if (decoded.status == LineDecoding::Status::Invalid) {
+        ++stats_.decodeErrors;
+        return;
+    }
+    if (decoded.status == LineDecoding::Status::NoRoom) {
+        ++stats_.overflows;
+        return;
+    }
+    stats_.droppedCharacters += decoded.skippedCharacters;
+    buffer_.insert(buffer_.end(), decoded.bytes.begin(), decoded.bytes.end());
+    if (buffer_.size() <= 2) {
+        return;
+    }
+    const size_t length = (static_cast<size_t>(buffer_[0]) << 8) | buffer_[1];
+    if (length != buffer_.size() - 2) {
+        return; // more to come, or more than announced: only a new start helps
+    }
+    if (length <= 2 || crcXmodem(std::span<const uint8_t>(buffer_).subspan(2)) != 0) {
+        ++stats_.crcErrors;
+        return;
+    }
+    // The device steps back over the CRC: a continuation line after this
+    // packet is appended where the CRC was.
+    buffer_.resize(buffer_.size() - 2);
+    stats_.longestPacket = std::max(stats_.longestPacket, packet_text_);
+    const std::span<const uint8_t> body = std::span<const uint8_t>(buffer_).subspan(2);
+    if (body.size() < 8 || (body[0] != 0 && body[0] != 2) ||
+        ((static_cast<size_t>(body[2]) << 8) | body[3]) < body.size() - 8) {
+        ++stats_.headerDrops;
+        return;
+    }
+    WirePacket packet;
+    packet.op = body[0];
+    packet.flags = body[1];
+    packet.group = static_cast<uint16_t>((body[4] << 8) | body[5]);
+    packet.seq = body[6];
+    packet.id = body[7];
+    packet.payload.assign(body.begin() + 8, body.end());
+    packet.textSize = packet_text_;
+    packet.longestLine = packet_longest_;
+    out.push_back(std::move(packet));
+}
+
+LineDecoding decodeLikeDevice(std::span<const uint8_t> text, size_t room)
+{
+    LineDecoding result;
+    const size_t n = text.size();
+    size_t symbols = 0;
+    size_t pads = 0;
+    size_t i = 0;
+    for (; i < n; ++i) {
+        size_t spaces = 0;
+        while (i < n && text[i] == ' ') {
+            ++i;
+            ++spaces;
+        }
+        if (i == n) {
+            break; // trailing spaces are fine
+        }
+        if (n - i >= 2 && text[i] == '\r' && text[i + 1] == kNewline) {
+            continue;
+        }
+        if (text[i] == kNewline) {
+            continue;
+        }
+        if (spaces != 0 || (text[i] == '=' && ++pads > 2)) {
+            result.status = LineDecoding::Status::Invalid;
+            return result;
+        }
+        const uint8_t value = sextet(text[i]);
+        if (value == kNotBase64 || (value < 64 && pads != 0)) {
+            result.status = LineDecoding::Status::Invalid;
+            return result;
+        }
+        ++symbols;
+    }
+    if (symbols == 0) {
+        return result;
+    }
+    // The room check uses the rounded-up length, before the padding is taken off.
+    const size_t needed = 6 * (symbols >> 3) + ((6 * (symbols & 7) + 7) >> 3) - pads;
+    if (room < needed) {
+        result.status = LineDecoding::Status::NoRoom;
+        return result;
+    }
+    unsigned keep = 3;
+    unsigned count = 0;
+    uint32_t bits = 0;
+    for (size_t k = 0; k < i; ++k) {
+        const uint8_t c = text[k];
+        if (c == '\r' || c == kNewline || c == ' ') {
+            continue;
+        }
+        const uint8_t value = sextet(c);
+        keep -= value == 64 ? 1 : 0;
+        bits = (bits << 6) | (value & 0x3F);
+        if (++count == 4) {
+            count = 0;
+            if (keep > 0) {
+                result.bytes.push_back(static_cast<uint8_t>(bits >> 16));
+            }
+            if (keep > 1) {
+                result.bytes.push_back(static_cast<uint8_t>(bits >> 8));
+            }
+            if (keep > 2) {
+                result.bytes.push_back(static_cast<uint8_t>(bits));
+            }
+        }
+    }
+    result.skippedCharacters = count;
+    return result;
 }
 
 std::vector<uint8_t> encodeLines(const WirePacket& packet, size_t line_max, bool break_crc)

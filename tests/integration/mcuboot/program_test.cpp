@@ -81,8 +81,8 @@ TEST(McubootIdentify, MarksMcubootKitsAndTheCellularKit)
 
 TEST(McubootProgram, BinHexAndPackageLandByteForByte)
 {
-    SmpSimulator device(SmpSimulator::Config{});
-    SmpSimulator other(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
+    SmpSimulator other(SmpSimulator::Config::permissive());
     ProgramHarness harness({mcubootKit(device), {"OTHERKIT", "Dev kit", "1234", &other, {}, {}}});
     const auto listed = harness.enumerate();
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("mcuBoot"));
@@ -138,7 +138,7 @@ TEST(McubootProgram, BinHexAndPackageLandByteForByte)
 
 TEST(McubootProgram, NegotiatedLimitsAreKept)
 {
-    SmpSimulator::Config config;
+    auto config = SmpSimulator::Config::permissive();
     config.frameMax = 127;
     config.packMax = 2048;
     SmpSimulator device(config);
@@ -157,7 +157,7 @@ TEST(McubootProgram, NegotiatedLimitsAreKept)
 
 TEST(McubootProgram, ModemPackageGoesToTheModemGroup)
 {
-    SmpSimulator device(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
     ProgramHarness harness({{kSerial, "Cellular kit", "520F", &device, {}, {}}});
     const auto listed = harness.enumerate();
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("modem"));
@@ -175,7 +175,7 @@ TEST(McubootProgram, ModemPackageGoesToTheModemGroup)
 
 TEST(McubootProgram, DeviceFaultsEndWithTheirErrorAndARetrySucceeds)
 {
-    SmpSimulator device(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
     ProgramHarness harness({mcubootKit(device)}, 1000);
     const auto id = harness.idOf(kSerial);
     const auto bin = tempPath("faults.bin");
@@ -232,10 +232,10 @@ TEST(McubootProgram, PacketsBeyondTheDeviceLimitTimeOut)
 {
     // A device that takes 2048-character packets but does not say so: the
     // default-sized packets overflow it and it answers nothing.
-    SmpSimulator::Config config;
+    auto config = SmpSimulator::Config::permissive();
     config.frameMax = 127;
     config.packMax = 2048;
-    config.answerParameterQuery = false;
+    config.answerStatistics = false;
     SmpSimulator device(config);
     ProgramHarness harness({mcubootKit(device)}, 500);
     const auto bin = tempPath("too-large.bin");
@@ -248,7 +248,7 @@ TEST(McubootProgram, PacketsBeyondTheDeviceLimitTimeOut)
 
 TEST(McubootProgram, CancelStopsBetweenChunksWithCode11)
 {
-    SmpSimulator::Config config;
+    auto config = SmpSimulator::Config::permissive();
     config.baudRate = 115200;
     config.frameMax = 127;
     config.packMax = 2048;
@@ -266,7 +266,7 @@ TEST(McubootProgram, CancelStopsBetweenChunksWithCode11)
 
 TEST(McubootProgram, RefusalsBeforeTheDeviceIsOpened)
 {
-    SmpSimulator device(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
     // A kit marked as MCUboot by another lister but without a serial port.
     const auto no_ports = uniqueSerial("NOPORTS-");
     ProgramHarness harness({mcubootKit(device), {no_ports, "MCUBOOT", "1234", nullptr, {{"mcuBoot", true}}, {}}});

@@ -23,7 +23,7 @@ using namespace std::chrono_literals;
 TEST(ToolProgram, JsonLinesAndCtrlC)
 {
     auto stop = std::make_unique<halyx_tool::StopSignal>();
-    SmpSimulator::Config config;
+    auto config = SmpSimulator::Config::permissive();
     config.frameMax = 127;
     config.packMax = 2048;
     SmpSimulator device(config);

@@ -117,7 +117,7 @@ McuBootError outcome(Call&& call)
 
 TEST(SmpUartTransport, TalksToTheSimulatorAndRefusesWhenClosed)
 {
-    SmpSimulator device(SmpSimulator::Config{});
+    SmpSimulator device(SmpSimulator::Config::permissive());
     SmpUartTransport transport(settingsFor(device.port()));
     EXPECT_EQ("SMP UART (" + device.port() + "@115200)", transport.description());
 
