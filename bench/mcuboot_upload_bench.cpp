@@ -1,8 +1,12 @@
 // Upload throughput over a serial line: a 1 MiB image to the simulated boot
-// loader throttled to a UART's pace, with the transport's default limits and
-// with negotiated ones. Each figure is compared with the line-rate bound:
-// the bytes the framing put on the wire (both directions, counted by the
-// device) at baud/10 bytes per second.
+// loader throttled to a UART's pace. The boot loaders: a stock MCUboot (it
+// tells no limits, so the client uses 128-byte lines and 1024-byte packets;
+// its slot erase is device time, not line time, and is left out), one that
+// names a 2048-byte buffer in its parameter query, and the cellular kit's
+// forgiving one, which names its limits in "smp_com". Each figure is compared
+// with the line-rate bound: the bytes the framing put on the wire (both
+// directions, counted by the device, the three framing bytes of every line
+// included) at baud/10 bytes per second.
 //
 // usage: mcuboot_upload_bench [image bytes]   (one JSON line per figure)
 #include <chrono>
@@ -25,19 +29,40 @@ using HALYX::SIM::SmpSimulator;
 namespace {
 
 struct Setup {
+    const char* device;
     uint32_t baud;
-    std::optional<uint32_t> frameMax;
-    std::optional<uint32_t> packMax;
+    SmpSimulator::Config config;
 };
 
-int measure(const Setup& setup, const std::vector<uint8_t>& payload)
+SmpSimulator::Config stock()
+{
+    auto config = SmpSimulator::Config::mcuboot();
+    config.pageEraseTime = std::chrono::microseconds(0);
+    config.slotSize = 2 * 1024 * 1024;
+    config.rebootOnReset = false;
+    return config;
+}
+
+SmpSimulator::Config withParameters()
+{
+    auto config = stock();
+    config.answerParameters = true;
+    config.receiveBufferSize = 2048;
+    return config;
+}
+
+SmpSimulator::Config cellular(uint32_t pack_max)
 {
     auto config = SmpSimulator::Config::permissive();
-    config.baudRate = setup.baud;
-    config.frameMax = setup.frameMax;
-    config.packMax = setup.packMax;
-    config.answerStatistics = setup.frameMax.has_value();
-    SmpSimulator device(config);
+    config.frameMax = 127;
+    config.packMax = pack_max;
+    return config;
+}
+
+int measure(Setup setup, const std::vector<uint8_t>& payload)
+{
+    setup.config.baudRate = setup.baud;
+    SmpSimulator device(setup.config);
 
     SequenceCounter sequence;
     ProgressReporter progress;
@@ -72,9 +97,10 @@ int measure(const Setup& setup, const std::vector<uint8_t>& payload)
     const auto sizes = client.currentChunkSizes();
     halyx_bench::printFigure(
         "mcuboot_upload",
-        {{"baud", setup.baud},
-         {"limits", setup.frameMax ? std::to_string(*setup.frameMax) + "/" + std::to_string(*setup.packMax)
-                                   : "defaults 500/65535"},
+        {{"device", setup.device},
+         {"baud", setup.baud},
+         {"line_bytes", client.transport().mtu()},
+         {"packet_chars", client.transport().frameSize()},
          {"chunk_first", sizes.first},
          {"chunk_following", sizes.following},
          {"payload_bytes", payload.size()},
@@ -101,8 +127,10 @@ int main(int argc, char** argv)
     }
     int status = 0;
     for (const uint32_t baud : {115200u, 1000000u}) {
-        status |= measure(Setup{baud, std::nullopt, std::nullopt}, payload);
-        status |= measure(Setup{baud, 127, 2048}, payload);
+        status |= measure(Setup{"mcuboot", baud, stock()}, payload);
+        status |= measure(Setup{"mcuboot-params", baud, withParameters()}, payload);
+        status |= measure(Setup{"cellular", baud, cellular(4096)}, payload);
+        status |= measure(Setup{"cellular-2048", baud, cellular(2048)}, payload);
     }
     return status;
 }

@@ -20,8 +20,9 @@ constexpr size_t kResponseAllowance = 64;
 constexpr int kUploadSpan = 90;
 constexpr milliseconds kResendSlack{1000};
 constexpr size_t kFlashPage = 4096;
-constexpr milliseconds kPageErase{100};
-constexpr milliseconds kLeastEraseAllowance{5000};
+constexpr milliseconds kPageErase{80};
+// A slot of 1 MiB, whatever the image: a small image may still sit in a large slot.
+constexpr size_t kLeastSlotPages = 256;
 
 uint32_t validChunk(int64_t size)
 {
@@ -66,8 +67,8 @@ SmpClient::ChunkSizes SmpClient::chunkSizes(int64_t frame_content_size)
 
 milliseconds SmpClient::eraseAllowance(size_t image_length)
 {
-    const auto pages = (image_length + kFlashPage - 1) / kFlashPage;
-    return std::max(kLeastEraseAllowance, 2 * static_cast<int64_t>(pages) * kPageErase);
+    const auto pages = std::max<size_t>(kLeastSlotPages, 2 * ((image_length + kFlashPage - 1) / kFlashPage));
+    return static_cast<int64_t>(pages) * kPageErase;
 }
 
 milliseconds SmpClient::wireTime(size_t bytes) const

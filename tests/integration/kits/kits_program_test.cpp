@@ -85,16 +85,26 @@ TEST(KitsInSerialRecovery, AreListedWithTheirTraitsAndProgrammedByteForByte)
 {
     Testbed testbed;
     const auto generic_serial = halyx_test::uniqueSerial("MB");
+    const auto align8_serial = halyx_test::uniqueSerial("MA");
+    const auto params_serial = halyx_test::uniqueSerial("MP");
     const auto cellular_serial = halyx_test::uniqueSerial("KC");
     const auto maker_serial = halyx_test::uniqueSerial("KV");
-    const auto generic = testbed.plug(HALYX::SIM::mcubootDevice(generic_serial)).id;
+    // Stock boot loaders, with flash that erases quicker than the real kind.
+    auto quick = [](HALYX::SIM::KitModel kit) {
+        kit.bootloader.pageEraseTime = std::chrono::milliseconds(1);
+        return kit;
+    };
+    const auto generic = testbed.plug(quick(HALYX::SIM::mcubootDevice(generic_serial))).id;
+    const auto align8 = testbed.plug(quick(HALYX::SIM::mcubootAlign8Device(align8_serial))).id;
+    const auto params = testbed.plug(quick(HALYX::SIM::mcubootParamsDevice(params_serial))).id;
     const auto cellular = testbed.plug(HALYX::SIM::cellularKit(cellular_serial)).id;
     testbed.plug(HALYX::SIM::makerKit(maker_serial));
     auto context = hostContext(5000);
 
     const auto listed = listBySerial(context.get());
-    ASSERT_TRUE(listed.contains(generic_serial) && listed.contains(cellular_serial) && listed.contains(maker_serial))
-        << listed.dump(1);
+    for (const auto& serial : {generic_serial, align8_serial, params_serial, cellular_serial, maker_serial}) {
+        ASSERT_TRUE(listed.contains(serial)) << serial << " in " << listed.dump(1);
+    }
     const auto& generic_traits = listed[generic_serial].at("traits");
     EXPECT_TRUE(generic_traits.at("mcuBoot"));
     EXPECT_FALSE(generic_traits.at("modem"));
@@ -116,23 +126,36 @@ TEST(KitsInSerialRecovery, AreListedWithTheirTraitsAndProgrammedByteForByte)
                       {"images", {{"modem.bin", {{"body", 40000}, {"seed", 3}}}}}};
     const auto made = halyx_test::makeImage("package", modem_path, layout);
 
-    // Two kits at once: each program call keeps its own port and lock.
+    // Four kits at once: each program call keeps its own port and lock.
     auto program = [&](const std::string& serial, const std::string& path, uint32_t format) {
         return std::async(std::launch::async, [&, serial, path, format] {
             return halyx_test::programDevice(context.get(), listed[serial].at("id").get<uint64_t>(), path, format);
         });
     };
     auto app_run = program(generic_serial, app_path, HALYX_FW_FORMAT_BINARY);
+    auto align8_run = program(align8_serial, app_path, HALYX_FW_FORMAT_BINARY);
+    auto params_run = program(params_serial, app_path, HALYX_FW_FORMAT_BINARY);
     auto modem_run = program(cellular_serial, modem_path, HALYX_FW_FORMAT_ZIP);
     const ProgramResult app_result = app_run.get();
     const ProgramResult modem_result = modem_run.get();
     ASSERT_EQ(app_result.code, HALYX_SUCCESS) << app_result.message;
     ASSERT_EQ(modem_result.code, HALYX_SUCCESS) << modem_result.message;
+    for (auto* run : {&align8_run, &params_run}) {
+        const auto result = run->get();
+        EXPECT_EQ(result.code, HALYX_SUCCESS) << result.message;
+    }
 
-    const auto& generic_loader = *testbed.bootloader(generic);
-    EXPECT_TRUE(generic_loader.image(1, 0) == app) << "the stored application image differs";
-    EXPECT_EQ(generic_loader.stats().erases, 1u);
-    EXPECT_EQ(generic_loader.stats().resets, 1u);
+    // Each stock boot loader erased its slot itself, once, and restarted after the reset.
+    for (const auto kit : {generic, align8, params}) {
+        const auto& loader = *testbed.bootloader(kit);
+        EXPECT_TRUE(loader.image(1, 0) == app) << "the stored application image differs on kit " << kit;
+        EXPECT_EQ(loader.stats().erases, 0u);
+        EXPECT_EQ(loader.stats().slotErasesStarted, 1u);
+        EXPECT_EQ(loader.stats().resets, 1u);
+        EXPECT_TRUE(loader.waitForReboots(1, 5s)) << "kit " << kit << " did not come back";
+    }
+    EXPECT_GE(testbed.bootloader(align8)->stats().unalignedTails, 1u);
+    EXPECT_GT(testbed.bootloader(params)->stats().line.longestPacket, 1024u);
     const auto& cellular_loader = *testbed.bootloader(cellular);
     EXPECT_TRUE(cellular_loader.image(0x41, 0) == halyx_test::bytesFromHex(made.at("modem.bin").at("bytes")))
         << "the stored modem image differs";
