@@ -51,9 +51,7 @@ void HotPlugRouter::start(AsyncLister::Arrival arrival, AsyncLister::Removal rem
     if (running_) {
         return;
     }
-    changing_ = true;
-    lock.unlock();
-    try {
+    change(lock, true, [&] {
         lister_->start(
             [this, arrival = std::move(arrival)](const event_object& finding, ArrivalType type) {
                 CallbackScope scope(this);
@@ -63,16 +61,7 @@ void HotPlugRouter::start(AsyncLister::Arrival arrival, AsyncLister::Removal rem
                 CallbackScope scope(this);
                 removal(finding);
             });
-    } catch (...) {
-        lock.lock();
-        changing_ = false;
-        changed_.notify_all();
-        throw;
-    }
-    lock.lock();
-    running_ = true;
-    changing_ = false;
-    changed_.notify_all();
+    });
 }
 
 void HotPlugRouter::stop()
@@ -90,10 +79,15 @@ void HotPlugRouter::stop()
             return;
         }
     }
+    change(lock, false, [this] { lister_->stop(); });
+}
+
+void HotPlugRouter::change(std::unique_lock<std::mutex>& lock, bool running, const std::function<void()>& action)
+{
     changing_ = true;
     lock.unlock();
     try {
-        lister_->stop();
+        action();
     } catch (...) {
         lock.lock();
         changing_ = false;
@@ -101,7 +95,7 @@ void HotPlugRouter::stop()
         throw;
     }
     lock.lock();
-    running_ = false;
+    running_ = running;
     changing_ = false;
     changed_.notify_all();
 }

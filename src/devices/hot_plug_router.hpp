@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 #include "devices/lister.hpp"
@@ -43,6 +44,10 @@ private:
         const HotPlugRouter* outer_;
     };
 
+
+    // Runs the lister's start or stop outside the lock, marked as changing
+    // meanwhile; `running` is the state it leaves behind when it succeeds.
+    void change(std::unique_lock<std::mutex>& lock, bool running, const std::function<void()>& action);
 
     AsyncLister* const lister_;
     mutable std::mutex mutex_;

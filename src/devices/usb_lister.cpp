@@ -170,24 +170,20 @@ bool USBLister::complete(DeviceAccess& devices, uint64_t id, json& usb)
     }
     known.where = where;
     bool changed = false;
-    if (!usb.contains("dfuTriggerVersion")) {
-        if (!known.version) {
-            known.version = askVersion(devices, id);
+    const auto fill = [&](const char* key, std::optional<json>& answer, json (*ask)(DeviceAccess&, uint64_t)) {
+        if (usb.contains(key)) {
+            return;
         }
-        if (!known.version->is_null()) {
-            usb["dfuTriggerVersion"] = *known.version;
+        if (!answer) {
+            answer = ask(devices, id);
+        }
+        if (!answer->is_null()) {
+            usb[key] = *answer;
             changed = true;
         }
-    }
-    if (!usb.contains("dfuTriggerInfo")) {
-        if (!known.info) {
-            known.info = askInfo(devices, id);
-        }
-        if (!known.info->is_null()) {
-            usb["dfuTriggerInfo"] = *known.info;
-            changed = true;
-        }
-    }
+    };
+    fill("dfuTriggerVersion", known.version, askVersion);
+    fill("dfuTriggerInfo", known.info, askInfo);
     std::lock_guard lock(answers_mutex_);
     answers_[id] = std::move(known);
     return changed;

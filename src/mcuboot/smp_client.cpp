@@ -94,6 +94,12 @@ void SmpClient::send(const SmpPacket& packet, const SmpTransport::ResponseHandle
     transport_->send(packet, handler, wait_time, budget, transmit);
 }
 
+McuBootFailure SmpClient::failed(const McuBootFailure& failure, const std::string& report)
+{
+    progress_.report(report, 0, failure.error());
+    return failure.within(report);
+}
+
 void SmpClient::openDevice(bool query_parameters)
 {
     progress_.beginStep(ProgressOperation::OpenDevice, "Open device.");
@@ -102,8 +108,7 @@ void SmpClient::openDevice(bool query_parameters)
         transport_->open();
     } catch (const McuBootFailure& f) {
         Log::error("Not able to open MCUBoot transport, error is {}", toString(f.error()));
-        progress_.report("Not able to open transport.", 0, f.error());
-        throw f.within("Not able to open transport.");
+        throw failed(f, "Not able to open transport.");
     }
     if (query_parameters) {
         negotiateLimits();
@@ -126,6 +131,16 @@ void SmpClient::openDevice(bool query_parameters)
     progress_.report("Transport was opened successfully.", 100);
 }
 
+template <typename Parse>
+auto SmpClient::query(const SmpPacket& request, Parse parse)
+{
+    decltype(parse(request)) answer;
+    transport_->send(
+        request, [&](const SmpPacket& response) { answer = parse(response); }, kParameterQueryTimeout,
+        kParameterQueryTimeout, kParameterQueryTimeout + milliseconds(1000));
+    return answer;
+}
+
 void SmpClient::negotiateLimits()
 {
     response_timeout_ = kParameterQueryTimeout;
@@ -143,10 +158,7 @@ void SmpClient::negotiateLimits()
 bool SmpClient::askStatistics()
 {
     try {
-        std::optional<CommParams> params;
-        transport_->send(
-            commParamsRequest(sequence_.next()), [&params](const SmpPacket& response) { params = parseCommParams(response); },
-            kParameterQueryTimeout, kParameterQueryTimeout, kParameterQueryTimeout + milliseconds(1000));
+        const auto params = query(commParamsRequest(sequence_.next()), parseCommParams);
         if (!params) {
             return false;
         }
@@ -172,11 +184,7 @@ bool SmpClient::askStatistics()
 bool SmpClient::askParameters()
 {
     try {
-        std::optional<uint32_t> buffer;
-        transport_->send(
-            mcumgrParametersRequest(sequence_.next()),
-            [&buffer](const SmpPacket& response) { buffer = parseBufferSize(response); }, kParameterQueryTimeout,
-            kParameterQueryTimeout, kParameterQueryTimeout + milliseconds(1000));
+        const auto buffer = query(mcumgrParametersRequest(sequence_.next()), parseBufferSize);
         if (!buffer) {
             return false;
         }
@@ -203,8 +211,7 @@ void SmpClient::closeDevice()
         transport_->close();
     } catch (const McuBootFailure& f) {
         Log::error("Not able to close MCUBoot transport, error is {}", toString(f.error()));
-        progress_.report("Not able to close transport.", 0, f.error());
-        throw f.within("Not able to close transport.");
+        throw failed(f, "Not able to close transport.");
     }
     progress_.report("Transport was closed.", 100);
 }
@@ -230,8 +237,7 @@ bool SmpClient::eraseImage()
             Wait::Whole);
     } catch (const McuBootFailure& f) {
         Log::error("Error calling eraseSettings, {}", f.what());
-        progress_.report("Not able to erase image on device.", 0, f.error());
-        throw f.within("Erasing image failed.");
+        throw failed(f, "Not able to erase image on device.").within("Erasing image failed.");
     }
     if (!supported) {
         Log::info("The device has no image erase command (rc {}); it erases the slot when the upload starts.",
@@ -253,8 +259,7 @@ void SmpClient::resetDevice()
     } catch (const McuBootFailure& f) {
         if (f.error() != McuBootError::UartReadError) {
             Log::error("Error calling enterApplicationState, {}", f.what());
-            progress_.report("Not able to reset device.", 0, f.error());
-            throw f.within("Not able to reset device.");
+            throw failed(f, "Not able to reset device.");
         }
         // Its serial port went away: the device is restarting.
         Log::info("The serial port went away after the reset request: the device restarted.");

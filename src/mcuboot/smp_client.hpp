@@ -78,7 +78,12 @@ private:
 
     void send(const SmpPacket& packet, const SmpTransport::ResponseHandler& handler, Wait wait,
               std::chrono::milliseconds extra = std::chrono::milliseconds(0));
+    // Reports the step's failure and describes the failure by that report.
+    McuBootFailure failed(const McuBootFailure& failure, const std::string& report);
     void negotiateLimits();
+    // One short query answered or not at once; what parse makes of the answer.
+    template <typename Parse>
+    auto query(const SmpPacket& request, Parse parse);
     bool askStatistics();
     bool askParameters();
     // The offset the device answered with.

@@ -57,11 +57,7 @@ std::string csvLine(const halyx_device_t& device)
 
 std::string renderDevice(const halyx_device_t* device, uint32_t format)
 {
-    if (device == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "device must have a valid value");
-    }
-    requireJsonFormat(format);
-    return guardJson([&] { return dump(deviceJson(*device), format); });
+    return renderRecord(device, "device must have a valid value", format, deviceJson);
 }
 
 std::string renderDeviceList(const halyx_device_list_t* list, uint32_t format)

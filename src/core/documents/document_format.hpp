@@ -30,4 +30,16 @@ std::string guardJson(Render&& render)
     }
 }
 
+// A JSON document of a record the caller handed in: a null record is refused
+// with 50 and `missing`, a format other than JSON with 19.
+template <typename Record, typename ToJson>
+std::string renderRecord(const Record* record, const char* missing, uint32_t format, ToJson&& to_json)
+{
+    if (record == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, missing);
+    }
+    requireJsonFormat(format);
+    return guardJson([&] { return dump(to_json(*record), format); });
+}
+
 } // namespace HALYX::Documents

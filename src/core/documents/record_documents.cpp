@@ -90,38 +90,23 @@ json moduleJson(const halyx_module_version_t& module)
 
 std::string renderCoreInfo(const halyx_device_core_info_t* info, uint32_t format)
 {
-    if (info == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "Device core info pointer is nullptr.");
-    }
-    requireJsonFormat(format);
-    return guardJson([&] {
-        return dump(json{{"codeAddress", info->codeAddress},
-                         {"codePageSize", info->codePageSize},
-                         {"codeSize", info->codeSize},
-                         {"uicrAddress", info->uicrAddress},
-                         {"infoPageSize", info->infoPageSize},
-                         {"codeRamPresent", info->codeRamPresent},
-                         {"codeRamAddress", info->codeRamAddress},
-                         {"dataRamAddress", info->dataRamAddress},
-                         {"ramSize", info->ramSize},
-                         {"qspiPresent", info->qspiPresent},
-                         {"xipAddress", info->xipAddress},
-                         {"xipSize", info->xipSize},
-                         {"pinResetPin", info->pinResetPin}},
-                    format);
+    return renderRecord(info, "Device core info pointer is nullptr.", format, [](const auto& core) {
+        return json{{"codeAddress", core.codeAddress},         {"codePageSize", core.codePageSize},
+                    {"codeSize", core.codeSize},               {"uicrAddress", core.uicrAddress},
+                    {"infoPageSize", core.infoPageSize},       {"codeRamPresent", core.codeRamPresent},
+                    {"codeRamAddress", core.codeRamAddress},   {"dataRamAddress", core.dataRamAddress},
+                    {"ramSize", core.ramSize},                 {"qspiPresent", core.qspiPresent},
+                    {"xipAddress", core.xipAddress},           {"xipSize", core.xipSize},
+                    {"pinResetPin", core.pinResetPin}};
     });
 }
 
 std::string renderFirmwareImages(const halyx_firmware_device_firmware_images_t* images, uint32_t format)
 {
-    if (images == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "images info pointer is nullptr.");
-    }
-    requireJsonFormat(format);
-    return guardJson([&] {
+    return renderRecord(images, "images info pointer is nullptr.", format, [](const auto& found) {
         json list = json::array();
-        for (size_t i = 0; images->images != nullptr && i < images->count; ++i) {
-            const auto& image = images->images[i];
+        for (size_t i = 0; found.images != nullptr && i < found.count; ++i) {
+            const auto& image = found.images[i];
             json entry{{"imageType", nameOf(kImageTypes, image.image_type)},
                        {"imageLocation", image.image_location},
                        {"address", image.address},
@@ -132,22 +117,18 @@ std::string renderFirmwareImages(const halyx_firmware_device_firmware_images_t* 
             }
             list.push_back(std::move(entry));
         }
-        return dump(json{{"imageInfoList", std::move(list)}}, format);
+        return json{{"imageInfoList", std::move(list)}};
     });
 }
 
 std::string renderVersionList(const halyx_version_list_t* list, uint32_t format)
 {
-    if (list == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "List is nullptr.");
-    }
-    requireJsonFormat(format);
-    return guardJson([&] {
+    return renderRecord(list, "List is nullptr.", format, [](const auto& versions) {
         json modules = json::array();
-        for (size_t i = 0; list->modules != nullptr && i < list->count; ++i) {
-            modules.push_back(moduleJson(list->modules[i]));
+        for (size_t i = 0; versions.modules != nullptr && i < versions.count; ++i) {
+            modules.push_back(moduleJson(versions.modules[i]));
         }
-        return dump(json{{"modules", std::move(modules)}}, format);
+        return json{{"modules", std::move(modules)}};
     });
 }
 

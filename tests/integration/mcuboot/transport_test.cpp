@@ -11,11 +11,13 @@
 #include <nlohmann/json.hpp>
 
 #include "mcuboot/smp_requests.hpp"
+#include "mcuboot_outcome.hpp"
 #include "mcuboot/smp_uart_transport.hpp"
 #include "smp_simulator.hpp"
 #include "smp_wire.hpp"
 
 using namespace HALYX::MCUBOOT;
+using halyx_test::outcome;
 using HALYX::SIM::SmpSimulator;
 using namespace std::chrono_literals;
 
@@ -99,18 +101,6 @@ private:
 SerialSettings settingsFor(const std::string& port)
 {
     return SerialSettings{port, 115200, 0, 0, 0, 8};
-}
-
-// The error a call fails with, or Ok.
-template <typename Call>
-McuBootError outcome(Call&& call)
-{
-    try {
-        call();
-        return McuBootError::Ok;
-    } catch (const McuBootFailure& failure) {
-        return failure.error();
-    }
 }
 
 } // namespace

@@ -312,6 +312,17 @@ TEST(Dispatch, FirmwareHandleChecks)
 
 namespace {
 
+// A context with one device whose erase returns at once.
+std::unique_ptr<TestContext> quickContext()
+{
+    halyx_test::PluginScript quick;
+    quick.name = "quick";
+    quick.traits = {"jlink"};
+    quick.canHandle = [](const std::string&, const std::string&) { return true; };
+    quick.erase = [](const std::string&, HALYX::Operation&) {};
+    return withDevices({quick}, {{"Q", {{"jlink", true}}}});
+}
+
 // A field of /proc/self/status, in its own unit (kB for memory).
 long procStatus(const char* key)
 {
@@ -331,12 +342,7 @@ long procStatus(const char* key)
 // on a bounded pool, so threads and address space stay bounded.
 TEST(Dispatch, OperationsNobodyWaitsForStayBounded)
 {
-    halyx_test::PluginScript quick;
-    quick.name = "quick";
-    quick.traits = {"jlink"};
-    quick.canHandle = [](const std::string&, const std::string&) { return true; };
-    quick.erase = [](const std::string&, HALYX::Operation&) {};
-    auto context = withDevices({quick}, {{"Q", {{"jlink", true}}}});
+    auto context = quickContext();
 
     struct Count {
         std::mutex mutex;
@@ -370,12 +376,7 @@ TEST(Dispatch, OperationsNobodyWaitsForStayBounded)
 // as is releasing the context there.
 TEST(Dispatch, WaitingFromTheTasksOwnCallbackIsRefused)
 {
-    halyx_test::PluginScript quick;
-    quick.name = "quick";
-    quick.traits = {"jlink"};
-    quick.canHandle = [](const std::string&, const std::string&) { return true; };
-    quick.erase = [](const std::string&, HALYX::Operation&) {};
-    auto context = withDevices({quick}, {{"Q", {{"jlink", true}}}});
+    auto context = quickContext();
 
     struct Inside {
         std::mutex mutex;

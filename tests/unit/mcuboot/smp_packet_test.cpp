@@ -5,9 +5,11 @@
 #include <nlohmann/json.hpp>
 
 #include "mcuboot/smp_requests.hpp"
+#include "mcuboot_outcome.hpp"
 #include "python_oracle.hpp"
 
 using namespace HALYX::MCUBOOT;
+using halyx_test::outcome;
 using nlohmann::json;
 
 namespace {
@@ -120,22 +122,6 @@ TEST(SmpRequests, UploadChunkKeysFollowOffsetGroupAndImage)
 
     EXPECT_THROW(uploadChunkRequest(5, MgmtGroup::Os, later), SmpException);
 }
-
-namespace {
-
-// The error a check fails with, or Ok.
-template <typename Check>
-McuBootError outcome(Check&& check)
-{
-    try {
-        check();
-        return McuBootError::Ok;
-    } catch (const McuBootFailure& failure) {
-        return failure.error();
-    }
-}
-
-} // namespace
 
 TEST(SmpRequests, WriteAndChunkResponseChecks)
 {
