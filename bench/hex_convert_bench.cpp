@@ -108,8 +108,9 @@ int main(int argc, char** argv)
         figure("halyx image convert", ours);
         figure("srec_cat", peer);
         const double speedup = peer.seconds / ours.seconds;
-        halyx_bench::printFigure("hex_to_bin_throughput_ratio",
-                                 {{"value", speedup}, {"peer", "srec_cat"}, {"bound", ">= 2.0"}, {"met", speedup >= 2.0}});
+        halyx_bench::printFigure(
+            "hex_to_bin_throughput_ratio",
+            {{"value", speedup}, {"peer", "srec_cat"}, {"bound", ">= 2.0"}, {"met", speedup >= 2.0}});
         const double memory = static_cast<double>(ours.peakKib) * 1024 / static_cast<double>(kPayload);
         halyx_bench::printFigure(
             "hex_to_bin_peak_memory_per_payload",

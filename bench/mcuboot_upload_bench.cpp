@@ -95,22 +95,20 @@ int measure(Setup setup, const std::vector<uint8_t>& payload)
     const double payload_rate = static_cast<double>(payload.size()) / seconds;
     const double bound_rate = static_cast<double>(payload.size()) / bound_seconds;
     const auto sizes = client.currentChunkSizes();
-    halyx_bench::printFigure(
-        "mcuboot_upload",
-        {{"device", setup.device},
-         {"baud", setup.baud},
-         {"line_bytes", client.transport().mtu()},
-         {"packet_chars", client.transport().frameSize()},
-         {"chunk_first", sizes.first},
-         {"chunk_following", sizes.following},
-         {"payload_bytes", payload.size()},
-         {"wire_bytes", wire},
-         {"chunks", after.uploads - before.uploads},
-         {"seconds", seconds},
-         {"payload_rate_Bps", payload_rate},
-         {"bound_rate_Bps", bound_rate},
-         {"fraction_of_bound", payload_rate / bound_rate},
-         {"resends", after.repeatedChunks - before.repeatedChunks}});
+    halyx_bench::printFigure("mcuboot_upload", {{"device", setup.device},
+                                                {"baud", setup.baud},
+                                                {"line_bytes", client.transport().mtu()},
+                                                {"packet_chars", client.transport().frameSize()},
+                                                {"chunk_first", sizes.first},
+                                                {"chunk_following", sizes.following},
+                                                {"payload_bytes", payload.size()},
+                                                {"wire_bytes", wire},
+                                                {"chunks", after.uploads - before.uploads},
+                                                {"seconds", seconds},
+                                                {"payload_rate_Bps", payload_rate},
+                                                {"bound_rate_Bps", bound_rate},
+                                                {"fraction_of_bound", payload_rate / bound_rate},
+                                                {"resends", after.repeatedChunks - before.repeatedChunks}});
     return 0;
 }
 

@@ -37,8 +37,7 @@ std::vector<double> taskRoundTrips(halyx_context* context, int samples)
     micros.reserve(static_cast<size_t>(samples));
     for (int i = 0; i < samples; ++i) {
         const auto start = Clock::now();
-        const auto id =
-            context->tasks.add([](HALYX::ASYNC::operation_call_wrapper_t&) { return HALYX_SUCCESS; });
+        const auto id = context->tasks.add([](HALYX::ASYNC::operation_call_wrapper_t&) { return HALYX_SUCCESS; });
         if (halyx_wait_async_task_complete(context, id) != HALYX_SUCCESS) {
             std::fprintf(stderr, "task %llu failed\n", static_cast<unsigned long long>(id));
             std::exit(1);

@@ -264,8 +264,8 @@ typedef enum halyx_bootloader_type_e {
 } halyx_bootloader_type_t;
 
 typedef struct halyx_image_info_s {
-    uint32_t image_type;      /* halyx_image_type_t */
-    uint32_t image_location;  /* halyx_image_location_t */
+    uint32_t image_type;     /* halyx_image_type_t */
+    uint32_t image_location; /* halyx_image_location_t */
     uint32_t address;
     uint32_t size;
     uint32_t bootloader_type; /* halyx_bootloader_type_t */
@@ -327,9 +327,9 @@ typedef struct halyx_semantic_version_s {
 } halyx_semantic_version_t;
 
 typedef struct halyx_version_s {
-    uint32_t format;      /* halyx_version_format_t: which of the next three is meaningful */
-    const char* string;   /* HALYX_VERSION_FORMAT_STRING */
-    uint64_t incremental; /* HALYX_VERSION_FORMAT_INCREMENTAL */
+    uint32_t format;                   /* halyx_version_format_t: which of the next three is meaningful */
+    const char* string;                /* HALYX_VERSION_FORMAT_STRING */
+    uint64_t incremental;              /* HALYX_VERSION_FORMAT_INCREMENTAL */
     halyx_semantic_version_t semantic; /* HALYX_VERSION_FORMAT_SEMANTIC */
 } halyx_version_t;
 
@@ -522,8 +522,8 @@ HALYX_API halyx_errorcode_t halyx_reset_filter(halyx_context* context);
  * the lister's notification thread, in order, one at a time. Returns 0, 50
  * (NULL callback) or 22 when one is already registered.
  */
-HALYX_API halyx_errorcode_t halyx_register_device_event(halyx_context* context,
-                                                        halyx_device_event_callback_t callback, void* user_data);
+HALYX_API halyx_errorcode_t halyx_register_device_event(halyx_context* context, halyx_device_event_callback_t callback,
+                                                        void* user_data);
 
 /** Removes the device-event callback; when it returns the callback will not be called again. Returns 0. */
 HALYX_API halyx_errorcode_t halyx_unregister_device_event(halyx_context* context);
@@ -554,23 +554,22 @@ HALYX_API halyx_errorcode_t halyx_fw_read(halyx_context* context, uint32_t devic
 /** Finds the firmware images on the device; result receives them (valid only during the call). */
 HALYX_API halyx_errorcode_t halyx_fw_read_info(halyx_context* context, uint64_t* task_id, uint32_t device_id,
                                                const halyx_mcu_state_t* mcu_end_state,
-                                               halyx_fw_read_info_callback_t result,
-                                               halyx_complete_callback_t complete, void* user_data);
+                                               halyx_fw_read_info_callback_t result, halyx_complete_callback_t complete,
+                                               void* user_data);
 
 HALYX_API halyx_errorcode_t halyx_fw_verify(halyx_context* context, uint32_t device_id, halyx_firmware* firmware,
                                             const halyx_device_core_t* core, uint64_t* task_id,
                                             halyx_complete_callback_t complete, void* user_data);
 
-HALYX_API halyx_errorcode_t halyx_fw_erase(halyx_context* context, uint32_t device_id,
-                                           const halyx_device_core_t* core, uint64_t* task_id,
-                                           halyx_complete_callback_t complete, void* user_data);
+HALYX_API halyx_errorcode_t halyx_fw_erase(halyx_context* context, uint32_t device_id, const halyx_device_core_t* core,
+                                           uint64_t* task_id, halyx_complete_callback_t complete, void* user_data);
 
 HALYX_API halyx_errorcode_t halyx_device_control_reset(halyx_context* context, uint32_t device_id,
                                                        const halyx_device_core_t* core, uint64_t* task_id,
                                                        halyx_complete_callback_t complete, void* user_data);
 
-HALYX_API halyx_errorcode_t halyx_device_control_recover(halyx_context* context, uint64_t* task_id,
-                                                         uint32_t device_id, const halyx_device_core_t* core,
+HALYX_API halyx_errorcode_t halyx_device_control_recover(halyx_context* context, uint64_t* task_id, uint32_t device_id,
+                                                         const halyx_device_core_t* core,
                                                          halyx_complete_callback_t complete, void* user_data);
 
 HALYX_API halyx_errorcode_t halyx_device_control_set_mcu_state(halyx_context* context, uint32_t device_id,
@@ -580,8 +579,7 @@ HALYX_API halyx_errorcode_t halyx_device_control_set_mcu_state(halyx_context* co
 HALYX_API halyx_errorcode_t halyx_device_control_set_protection(halyx_context* context, uint32_t device_id,
                                                                 const halyx_device_core_t* core, uint64_t* task_id,
                                                                 halyx_protection_status_t status,
-                                                                halyx_complete_callback_t complete,
-                                                                void* user_data);
+                                                                halyx_complete_callback_t complete, void* user_data);
 
 HALYX_API halyx_errorcode_t halyx_device_control_get_protection_status(
     halyx_context* context, uint32_t device_id, const halyx_device_core_t* core, uint64_t* task_id,
@@ -594,10 +592,9 @@ HALYX_API halyx_errorcode_t halyx_get_device_core_info(halyx_context* context, u
                                                        halyx_complete_callback_t complete, void* user_data);
 
 /** register_path: "CORE.PERIPHERAL.REGISTER", CORE one of APPLICATION, NETWORK, MODEM. */
-HALYX_API halyx_errorcode_t halyx_read_register(halyx_context* context, uint32_t device_id,
-                                                const char* register_path, halyx_register_callback_t result,
-                                                uint64_t* task_id, halyx_complete_callback_t complete,
-                                                void* user_data);
+HALYX_API halyx_errorcode_t halyx_read_register(halyx_context* context, uint32_t device_id, const char* register_path,
+                                                halyx_register_callback_t result, uint64_t* task_id,
+                                                halyx_complete_callback_t complete, void* user_data);
 
 /* ======================================================================== */
 /* RTT (synchronous, through the device's debug probe)                      */
@@ -617,8 +614,8 @@ HALYX_API halyx_errorcode_t halyx_rtt_stop(halyx_context* context, uint32_t devi
 HALYX_API halyx_errorcode_t halyx_rtt_is_started(halyx_context* context, uint32_t device_id, bool* started);
 
 /** Reads up to length bytes from an up-channel; *bytes_read tells how many. Returns 0 or 102. */
-HALYX_API halyx_errorcode_t halyx_rtt_read(halyx_context* context, uint32_t device_id, uint32_t channel,
-                                           char* buffer, uint32_t length, uint32_t* bytes_read);
+HALYX_API halyx_errorcode_t halyx_rtt_read(halyx_context* context, uint32_t device_id, uint32_t channel, char* buffer,
+                                           uint32_t length, uint32_t* bytes_read);
 
 /** Writes up to length bytes to a down-channel; *bytes_written tells how many. Returns 0 or 102. */
 HALYX_API halyx_errorcode_t halyx_rtt_write(halyx_context* context, uint32_t device_id, uint32_t channel,
@@ -675,8 +672,7 @@ HALYX_API halyx_errorcode_t halyx_util_version_list_as_document(halyx_context* c
 
 /** Formats: JSON, JSON_PRETTY. */
 HALYX_API halyx_errorcode_t halyx_device_firmware_images_as_document(
-    halyx_context* context, uint32_t format, const halyx_firmware_device_firmware_images_t* images,
-    char** document);
+    halyx_context* context, uint32_t format, const halyx_firmware_device_firmware_images_t* images, char** document);
 
 /** Frees a document from one of the *_as_document functions; NULL is accepted. Returns 0. */
 HALYX_API halyx_errorcode_t halyx_free_document(halyx_context* context, char* document);

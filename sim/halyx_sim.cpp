@@ -60,8 +60,8 @@ struct Options {
 HALYX::SIM::KitModel parseKit(const std::string& option, const std::string& text)
 {
     const auto equals = text.find('=');
-    auto kit = HALYX::SIM::kitByName(text.substr(0, equals),
-                                     equals == std::string::npos ? "" : text.substr(equals + 1));
+    auto kit =
+        HALYX::SIM::kitByName(text.substr(0, equals), equals == std::string::npos ? "" : text.substr(equals + 1));
     if (!kit) {
         throw CLI::ValidationError(option, "unknown kit: " + text);
     }
@@ -113,7 +113,8 @@ int main(int argc, char** argv)
            "--image-out",
            [&](const std::string& file) {
                if (options.kits.empty() || !options.kits.back().serialRecovery) {
-                   throw CLI::ValidationError("--image-out", "follows a --kit in serial recovery (mcuboot..., cellular)");
+                   throw CLI::ValidationError("--image-out",
+                                              "follows a --kit in serial recovery (mcuboot..., cellular)");
                }
                options.imageOut[options.kits.size() - 1] = file;
            },
@@ -171,8 +172,7 @@ int main(int argc, char** argv)
         }
         command.push_back(nullptr);
         pid_t child = 0;
-        if (const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command.data(), environ);
-            error != 0) {
+        if (const int error = posix_spawnp(&child, command[0], nullptr, nullptr, command.data(), environ); error != 0) {
             std::fprintf(stderr, "halyx-sim: cannot run %s: %s\n", command[0], std::strerror(error));
             return 127;
         }

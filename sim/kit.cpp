@@ -268,10 +268,10 @@ std::vector<uint8_t> configurationDescriptor(const KitModel& kit)
         const auto data = static_cast<uint8_t>(control + 1);
         body.insert(body.end(), {8, 0x0B, control, 2, kClassCdc, 0x02, 0x01, 0}); // interface association
         interface(body, control, 1, kClassCdc, 0x02, 0x01);
-        body.insert(body.end(), {5, 0x24, 0x00, 0x10, 0x01});       // header
-        body.insert(body.end(), {5, 0x24, 0x01, 0x00, data});       // call management
-        body.insert(body.end(), {4, 0x24, 0x02, 0x02});             // ACM
-        body.insert(body.end(), {5, 0x24, 0x06, control, data});    // union
+        body.insert(body.end(), {5, 0x24, 0x00, 0x10, 0x01});    // header
+        body.insert(body.end(), {5, 0x24, 0x01, 0x00, data});    // call management
+        body.insert(body.end(), {4, 0x24, 0x02, 0x02});          // ACM
+        body.insert(body.end(), {5, 0x24, 0x06, control, data}); // union
         endpoint(body, static_cast<uint8_t>(0x80 | next_endpoint++), 0x03, 16, 10);
         interface(body, data, 2, kClassCdcData, 0x00, 0x00);
         endpoint(body, next_endpoint, 0x02, 64, 0);
@@ -321,8 +321,8 @@ std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
 
     auto add_interface = [&](uint8_t number, uint8_t cls, const char* driver) {
         const auto path = fmt::format("{}/{}:1.{}", usb_path, name, number);
-        std::string text = fmt::format("P: {}\nE: DEVTYPE=usb_interface\nE: DRIVER={}\nE: SUBSYSTEM=usb\n",
-                                       path.substr(4), driver);
+        std::string text =
+            fmt::format("P: {}\nE: DEVTYPE=usb_interface\nE: DRIVER={}\nE: SUBSYSTEM=usb\n", path.substr(4), driver);
         text += fmt::format("A: bInterfaceNumber={:02x}\\n\nA: bInterfaceClass={:02x}\\n\nA: bAlternateSetting= 0\\n\n",
                             number, cls);
         nodes.push_back({path, {}, {}, text});
@@ -334,8 +334,8 @@ std::vector<SysfsNode> describeKit(const KitModel& kit, const Placement& place)
         add_interface(static_cast<uint8_t>(control + 1), kClassCdcData, "cdc_acm");
         const auto tty = fmt::format("ttyACM{}", place.firstTty + port);
         const auto tty_path = fmt::format("{}/tty/{}", interface_path, tty);
-        std::string text = fmt::format("P: {}\nN: {}\nE: DEVNAME=/dev/{}\nE: SUBSYSTEM=tty\n", tty_path.substr(4),
-                                       tty, tty);
+        std::string text =
+            fmt::format("P: {}\nN: {}\nE: DEVNAME=/dev/{}\nE: SUBSYSTEM=tty\n", tty_path.substr(4), tty, tty);
         const auto link = fmt::format("/dev/serial/by-id/usb-{}_{}_{}-if{:02}", idPart(kit.manufacturer),
                                       idPart(kit.product), kit.serialNumber.value_or("0"), control);
         text += fmt::format("E: DEVLINKS={}\n", link);

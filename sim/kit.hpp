@@ -19,14 +19,14 @@ struct KitModel {
     std::string manufacturer;
     std::string product;
     std::optional<std::string> serialNumber;
-    unsigned cdcPorts = 0;          // CDC ACM functions, each with a tty
-    bool dfuTrigger = false;        // the maker's DFU-trigger interface (vendor class, 1/1)
-    bool vendorInterface = false;   // a vendor-specific bulk interface (a probe's)
-    bool serialRecovery = false;    // an MCUboot boot loader in serial recovery answers on the first tty
+    unsigned cdcPorts = 0;           // CDC ACM functions, each with a tty
+    bool dfuTrigger = false;         // the maker's DFU-trigger interface (vendor class, 1/1)
+    bool vendorInterface = false;    // a vendor-specific bulk interface (a probe's)
+    bool serialRecovery = false;     // an MCUboot boot loader in serial recovery answers on the first tty
     SmpSimulator::Config bootloader; // how that boot loader behaves
     // The DFU-trigger interface's answers; empty means it stalls the request.
     std::string semVer;
-    std::vector<uint8_t> dfuInfo;   // 24 bytes when set
+    std::vector<uint8_t> dfuInfo; // 24 bytes when set
 };
 
 // The kits of the simulator: the maker's kit with two serial ports, a kit
@@ -66,17 +66,17 @@ uint8_t dfuTriggerInterface(const KitModel& kit);
 // Where one kit sits on the simulated bus.
 struct Placement {
     unsigned bus = 1;
-    unsigned port = 1;      // root-hub port: the device is "{bus}-{port}"
+    unsigned port = 1; // root-hub port: the device is "{bus}-{port}"
     unsigned devnum = 2;
-    unsigned firstTty = 0;  // its ports are ttyACM{firstTty}...
+    unsigned firstTty = 0; // its ports are ttyACM{firstTty}...
 };
 
 // One device of the umockdev description of a kit, parents before children.
 struct SysfsNode {
-    std::string syspath;    // "/sys/devices/..."
-    std::string devnode;    // "/dev/..." or empty
-    std::string devlink;    // a tty's "/dev/serial/by-id/..." link, else empty
-    std::string text;       // its umockdev record
+    std::string syspath; // "/sys/devices/..."
+    std::string devnode; // "/dev/..." or empty
+    std::string devlink; // a tty's "/dev/serial/by-id/..." link, else empty
+    std::string text;    // its umockdev record
 };
 
 // The umockdev description of a kit at a place: the USB device, its

@@ -96,15 +96,19 @@ private:
             }
             if (kind == 0x03) {
                 switch (number) {
-                case 0: return std::vector<uint8_t>{4, 0x03, 0x09, 0x04};
-                case 1: return stringDescriptor(model_.manufacturer);
-                case 2: return stringDescriptor(model_.product);
+                case 0:
+                    return std::vector<uint8_t>{4, 0x03, 0x09, 0x04};
+                case 1:
+                    return stringDescriptor(model_.manufacturer);
+                case 2:
+                    return stringDescriptor(model_.product);
                 case 3:
                     if (model_.serialNumber) {
                         return stringDescriptor(*model_.serialNumber);
                     }
                     break;
-                default: break;
+                default:
+                    break;
                 }
             }
             return std::nullopt;
@@ -140,9 +144,9 @@ private:
                 umockdev_ioctl_client_complete(client, -1, EINVAL);
                 return;
             }
-            GPtr<UMockdevIoctlData> buffer(umockdev_ioctl_data_resolve(
-                urb_data.get(), G_STRUCT_OFFSET(usbdevfs_urb, buffer), static_cast<gsize>(urb->buffer_length),
-                nullptr));
+            GPtr<UMockdevIoctlData> buffer(
+                umockdev_ioctl_data_resolve(urb_data.get(), G_STRUCT_OFFSET(usbdevfs_urb, buffer),
+                                            static_cast<gsize>(urb->buffer_length), nullptr));
             if (!buffer) {
                 umockdev_ioctl_client_complete(client, -1, EFAULT);
                 return;

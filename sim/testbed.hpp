@@ -46,9 +46,9 @@ public:
         Placement place;
         std::string usbSyspath;
         std::string usbNode;
-        std::vector<std::string> ttys;          // "/dev/ttyACM0", ... in vcom order
-        std::vector<std::string> devlinks;      // their "/dev/serial/by-id/..." links
-        std::vector<std::string> syspaths;      // every node, parents first
+        std::vector<std::string> ttys;     // "/dev/ttyACM0", ... in vcom order
+        std::vector<std::string> devlinks; // their "/dev/serial/by-id/..." links
+        std::vector<std::string> syspaths; // every node, parents first
     };
 
     Testbed();

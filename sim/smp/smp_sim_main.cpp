@@ -47,7 +47,8 @@ int main(int argc, char** argv)
         ->check(CLI::Range(size_t{1}, size_t{64} << 20));
     app.add_option("--page-erase-us", page_erase_us, "time to erase one 4 KiB page in microseconds (mcuboot: 45000)");
     app.add_flag("--params", params, "answer the MCUmgr parameter query (group 0, id 6) with the buffer size");
-    auto* frame = app.add_option("--frame-max", frame_max, "answer the \"smp_com\" statistics query with this frame_max");
+    auto* frame =
+        app.add_option("--frame-max", frame_max, "answer the \"smp_com\" statistics query with this frame_max");
     auto* pack = app.add_option("--pack-max", pack_max, "... and this pack_max");
     frame->needs(pack);
     pack->needs(frame);

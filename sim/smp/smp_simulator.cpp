@@ -141,7 +141,9 @@ SmpSimulator::Config SmpSimulator::Config::permissive()
     return config;
 }
 
-SmpSimulator::SmpSimulator(Config config) : SmpSimulator(std::move(config), -1, {}) {}
+SmpSimulator::SmpSimulator(Config config) : SmpSimulator(std::move(config), -1, {})
+{
+}
 
 SmpSimulator::SmpSimulator(Config config, int master, std::string port)
     : config_(std::move(config)), borrowed_master_(master), borrowed_port_(std::move(port))
@@ -520,7 +522,8 @@ std::optional<WirePacket> SmpSimulator::answer(const WirePacket& request, std::o
     // The boot loader looks at group and id only; a read or a write does the same.
     if (request.group == kDefaultGroup) {
         switch (request.id) {
-        case kConsoleEchoControl: return rc(0);
+        case kConsoleEchoControl:
+            return rc(0);
         case kReset:
             ++stats_.resets;
             uploading_.reset();
@@ -532,7 +535,8 @@ std::optional<WirePacket> SmpSimulator::answer(const WirePacket& request, std::o
                              indefinite);
             }
             return rc(kNotSupported);
-        default: return rc(kNotSupported);
+        default:
+            return rc(kNotSupported);
         }
     }
     if (request.group == kImageGroup && request.id == kImageUpload) {

@@ -34,21 +34,21 @@ namespace HALYX::SIM {
 class SmpSimulator {
 public:
     struct Config {
-        uint32_t baudRate = 0;                 // 0: as fast as the terminal goes
-        size_t lineMax = 128;                  // console line limit, newline included
-        size_t receiveBufferSize = 1024;       // decoded packet buffer
-        bool perLineDecoding = true;           // false: decode the joined text of a packet (permissive)
-        bool answerStatistics = false;         // "smp_com" query: false -> read response {"rc": 8}
-        std::optional<uint32_t> frameMax;      // with packMax: the statistics answer when answerStatistics
+        uint32_t baudRate = 0;            // 0: as fast as the terminal goes
+        size_t lineMax = 128;             // console line limit, newline included
+        size_t receiveBufferSize = 1024;  // decoded packet buffer
+        bool perLineDecoding = true;      // false: decode the joined text of a packet (permissive)
+        bool answerStatistics = false;    // "smp_com" query: false -> read response {"rc": 8}
+        std::optional<uint32_t> frameMax; // with packMax: the statistics answer when answerStatistics
         std::optional<uint32_t> packMax;
-        bool answerParameters = false;         // group 0 id 6 -> {"buf_size": receiveBufferSize, "buf_count": 1}
-        bool eraseCommand = false;             // group 1 id 5: false -> rc 8; true -> erases the slot (permissive)
-        uint32_t writeBlockSize = 4;           // flash write alignment
+        bool answerParameters = false; // group 0 id 6 -> {"buf_size": receiveBufferSize, "buf_count": 1}
+        bool eraseCommand = false;     // group 1 id 5: false -> rc 8; true -> erases the slot (permissive)
+        uint32_t writeBlockSize = 4;   // flash write alignment
         size_t slotSize = 1024 * 1024;
         size_t pageSize = 4096;
-        std::chrono::microseconds pageEraseTime{0};   // per page of the slot; erase time = pages * this
-        std::chrono::milliseconds rebootDelay{250};   // after answering reset, then the port vanishes
-        std::chrono::milliseconds rebootTime{500};    // how long it stays away before it is back
+        std::chrono::microseconds pageEraseTime{0}; // per page of the slot; erase time = pages * this
+        std::chrono::milliseconds rebootDelay{250}; // after answering reset, then the port vanishes
+        std::chrono::milliseconds rebootTime{500};  // how long it stays away before it is back
         bool rebootOnReset = true;
         size_t responseLineMax = 127;
         // Image slots it has; a chunk at offset 0 for image == imageCount
@@ -76,7 +76,12 @@ public:
         static Config permissive();
     };
 
-    enum class Command { Upload, Erase, Reset, ParameterQuery }; // ParameterQuery: every other request
+    enum class Command {
+        Upload,
+        Erase,
+        Reset,
+        ParameterQuery
+    }; // ParameterQuery: every other request
     enum class Fault {
         IgnoreRequest,   // as if the request never arrived
         DropResponse,    // handle it, answer nothing
@@ -88,20 +93,20 @@ public:
     };
 
     struct Stats {
-        size_t uploads = 0;             // chunk requests handled
-        size_t repeatedChunks = 0;      // chunks at an offset other than the current one
-        size_t erases = 0;              // erase commands carried out
+        size_t uploads = 0;        // chunk requests handled
+        size_t repeatedChunks = 0; // chunks at an offset other than the current one
+        size_t erases = 0;         // erase commands carried out
         size_t resets = 0;
-        size_t parameterQueries = 0;    // statistics and parameter queries, answered or not
-        size_t rejected = 0;            // requests answered with a non-zero rc
-        size_t oversized = 0;           // permissive: packets or lines beyond the limits, dropped
-        size_t slotErasesStarted = 0;   // erases of a whole slot (first chunk or erase command)
+        size_t parameterQueries = 0;  // statistics and parameter queries, answered or not
+        size_t rejected = 0;          // requests answered with a non-zero rc
+        size_t oversized = 0;         // permissive: packets or lines beyond the limits, dropped
+        size_t slotErasesStarted = 0; // erases of a whole slot (first chunk or erase command)
         size_t slotErasesCompleted = 0;
-        size_t unalignedTails = 0;      // non-final chunks whose partial last write block was not written
-        size_t reboots = 0;             // times it went away after a reset
+        size_t unalignedTails = 0; // non-final chunks whose partial last write block was not written
+        size_t reboots = 0;        // times it went away after a reset
         size_t rxBytes = 0;
         size_t txBytes = 0;
-        LineStats line;                 // lines cut, decode errors, overflows, CRC and header drops
+        LineStats line; // lines cut, decode errors, overflows, CRC and header drops
     };
 
     // Called on the server thread, without the simulator's lock, when a

@@ -53,10 +53,14 @@ uint8_t sextet(uint8_t c)
         return static_cast<uint8_t>(c - '0' + 52);
     }
     switch (c) {
-    case '+': return 62;
-    case '/': return 63;
-    case '=': return 64;
-    default: return kNotBase64;
+    case '+':
+        return 62;
+    case '/':
+        return 63;
+    case '=':
+        return 64;
+    default:
+        return kNotBase64;
     }
 }
 

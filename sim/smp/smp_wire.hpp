@@ -23,17 +23,17 @@ struct WirePacket {
 };
 
 struct LineStats {
-    size_t frames = 0;           // lines that carried a packet marker
-    size_t crcErrors = 0;        // complete packets dropped for their CRC
-    size_t malformed = 0;        // joined decoding: text or length that made no packet
-    size_t longestFrame = 0;     // marker and newline included, as sent
-    size_t longestPacket = 0;    // base64 characters of one packet
-    size_t linesCut = 0;         // longer than the line limit: the rest and the newline were lost
-    size_t decodeErrors = 0;     // lines whose text the decoder refused (character, padding, space)
+    size_t frames = 0;            // lines that carried a packet marker
+    size_t crcErrors = 0;         // complete packets dropped for their CRC
+    size_t malformed = 0;         // joined decoding: text or length that made no packet
+    size_t longestFrame = 0;      // marker and newline included, as sent
+    size_t longestPacket = 0;     // base64 characters of one packet
+    size_t linesCut = 0;          // longer than the line limit: the rest and the newline were lost
+    size_t decodeErrors = 0;      // lines whose text the decoder refused (character, padding, space)
     size_t droppedCharacters = 0; // characters of incomplete base64 groups that decoding skipped
-    size_t overflows = 0;        // lines whose bytes did not fit the receive buffer
-    size_t headerDrops = 0;      // complete packets dropped for their header (size, op, length)
-    size_t noise = 0;            // lines without a marker
+    size_t overflows = 0;         // lines whose bytes did not fit the receive buffer
+    size_t headerDrops = 0;       // complete packets dropped for their header (size, op, length)
+    size_t noise = 0;             // lines without a marker
 };
 
 // How received lines become packets.
@@ -81,7 +81,11 @@ private:
 // a room check against the rounded-up length, then four characters at a
 // time; one to three characters that do not complete a group are skipped.
 struct LineDecoding {
-    enum class Status { Ok, Invalid, NoRoom } status = Status::Ok;
+    enum class Status {
+        Ok,
+        Invalid,
+        NoRoom
+    } status = Status::Ok;
     std::vector<uint8_t> bytes;
     size_t skippedCharacters = 0;
 };

@@ -71,7 +71,8 @@ public:
         switch (h->major) {
         case 0:
         case 1:
-        case 7: return true;
+        case 7:
+            return true;
         case 2:
         case 3:
             if (!h->indefinite) {
@@ -106,8 +107,10 @@ public:
             }
             return true;
         }
-        case 6: return skip(depth + 1);
-        default: return false;
+        case 6:
+            return skip(depth + 1);
+        default:
+            return false;
         }
     }
 
@@ -161,8 +164,8 @@ std::optional<UploadFields> readUploadMap(std::span<const uint8_t> payload)
             ok = read_number(fields.offset);
         } else if (key == "data") {
             const auto h = reader.head();
-            const auto bytes = h && h->major == 2 && !h->indefinite && !fields.data ? reader.take(h->argument)
-                                                                                     : std::nullopt;
+            const auto bytes =
+                h && h->major == 2 && !h->indefinite && !fields.data ? reader.take(h->argument) : std::nullopt;
             ok = bytes.has_value();
             if (ok) {
                 fields.data.emplace(bytes->begin(), bytes->end());

@@ -21,8 +21,7 @@ HALYX::ContextParts HALYX::defaultContextParts()
 }
 
 halyx_context::halyx_context(HALYX::ContextParts parts)
-    : number(++context_counter),
-      plugins(parts.plugins),
+    : number(++context_counter), plugins(parts.plugins),
       lister(std::make_unique<HALYX::DeviceLister>(this, std::move(parts.lister), plugins.plugins())),
       log_subscriber_(std::make_shared<HALYX::LogSubscriber>())
 {
@@ -40,10 +39,10 @@ halyx_context::~halyx_context()
 void halyx_context::shutDown()
 {
     // Each of these would wait for the very thread it is called on.
-    const char* from = tasks.onWorker()              ? "an operation's callback"
-                       : lister->inEventCallback()   ? "a device event callback"
+    const char* from = tasks.onWorker()                  ? "an operation's callback"
+                       : lister->inEventCallback()       ? "a device event callback"
                        : log_subscriber_->onDispatcher() ? "the log callback"
-                                                     : nullptr;
+                                                         : nullptr;
     if (from != nullptr) {
         throw HALYX::HALYXException(HALYX_ERR_INVALID_STATE,
                                     fmt::format("halyx_release_context cannot be called from {} of the same context: "

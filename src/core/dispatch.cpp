@@ -15,8 +15,8 @@ void complete(const DispatchRequest& request, uint64_t task_id, halyx_errorcode_
         return;
     }
     try {
-        request.complete(request.callbacks.context, halyx_complete_t{task_id, code, message.c_str(),
-                                                                     request.callbacks.user_data});
+        request.complete(request.callbacks.context,
+                         halyx_complete_t{task_id, code, message.c_str(), request.callbacks.user_data});
     } catch (...) {
         // An application callback that throws must not change the outcome.
     }
@@ -41,9 +41,10 @@ void dispatch(halyx_context& context, DispatchRequest request, OperationBody bod
     // (its device may restart); the context's own plugins always do.
     const bool fresh = !context.plugins.contains(plugin.get());
     uint64_t* const task_id_out = request.taskId;
-    *task_id_out = context.tasks.add(
-        [request = std::move(request), device = std::move(device), plugin = std::move(plugin), body = std::move(body),
-         environment, fresh, lister = context.lister.get()](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
+    *task_id_out =
+        context.tasks.add([request = std::move(request), device = std::move(device), plugin = std::move(plugin),
+                           body = std::move(body), environment, fresh,
+                           lister = context.lister.get()](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
             Operation operation(task, request.options, request.mcuEndState, request.callbacks, environment);
             const auto following = fresh ? lister->follow(plugin) : PluginFollowers::Ticket();
             try {

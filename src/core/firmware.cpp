@@ -34,9 +34,9 @@ void checkReadableFile(const std::string& path)
         }
         error = errno != 0 ? errno : EIO;
     }
-    throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                         fmt::format("Other error when trying to open file: {} (error code: {}, error_message )",
-                                     path, error));
+    throw HALYXException(
+        HALYX_ERR_INVALID_ARGUMENT,
+        fmt::format("Other error when trying to open file: {} (error code: {}, error_message )", path, error));
 }
 
 } // namespace
@@ -44,8 +44,9 @@ void checkReadableFile(const std::string& path)
 halyx_firmware* createFirmware(const uint8_t* data, size_t size, uint32_t source_kind, uint32_t format)
 {
     if (format > HALYX_FW_FORMAT_MODEM_PACKAGE) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             fmt::format("Unknown firmware format: {}. Use one of the HALYX_FW_FORMAT_* values.", format));
+        throw HALYXException(
+            HALYX_ERR_INVALID_ARGUMENT,
+            fmt::format("Unknown firmware format: {}. Use one of the HALYX_FW_FORMAT_* values.", format));
     }
     HALYX::requireArgument(data, "halyx_fw_create_handle", "data");
     auto firmware = std::make_unique<halyx_firmware>();

@@ -2,7 +2,9 @@
 
 namespace HALYX {
 
-LogSubscriber::LogSubscriber() : dispatcher_([this] { run(); }) {}
+LogSubscriber::LogSubscriber() : dispatcher_([this] { run(); })
+{
+}
 
 LogSubscriber::~LogSubscriber()
 {

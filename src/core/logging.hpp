@@ -37,17 +37,35 @@ void log(spdlog::level::level_enum level, fmt::format_string<Args...> format, Ar
 }
 
 template <typename... Args>
-void trace(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::trace, f, std::forward<Args>(a)...); }
+void trace(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::trace, f, std::forward<Args>(a)...);
+}
 template <typename... Args>
-void debug(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::debug, f, std::forward<Args>(a)...); }
+void debug(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::debug, f, std::forward<Args>(a)...);
+}
 template <typename... Args>
-void info(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::info, f, std::forward<Args>(a)...); }
+void info(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::info, f, std::forward<Args>(a)...);
+}
 template <typename... Args>
-void warn(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::warn, f, std::forward<Args>(a)...); }
+void warn(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::warn, f, std::forward<Args>(a)...);
+}
 template <typename... Args>
-void error(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::err, f, std::forward<Args>(a)...); }
+void error(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::err, f, std::forward<Args>(a)...);
+}
 template <typename... Args>
-void critical(fmt::format_string<Args...> f, Args&&... a) noexcept { log(spdlog::level::critical, f, std::forward<Args>(a)...); }
+void critical(fmt::format_string<Args...> f, Args&&... a) noexcept
+{
+    log(spdlog::level::critical, f, std::forward<Args>(a)...);
+}
 
 // "{prefix} HALYXException({code}): {what}" and "{prefix} Exception: {what}".
 void exception(spdlog::level::level_enum level, const HALYXException& e, std::string_view prefix = {}) noexcept;

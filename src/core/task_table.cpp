@@ -25,8 +25,8 @@ Clock::time_point deadlineAfter(int32_t timeout_ms)
     if (timeout_ms <= 0) {
         return now;
     }
-    const auto limit = std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(
-        static_cast<int64_t>(timeout_ms) * 1'000'000));
+    const auto limit = std::chrono::duration_cast<Clock::duration>(
+        std::chrono::nanoseconds(static_cast<int64_t>(timeout_ms) * 1'000'000));
     if (now.time_since_epoch().count() > Clock::time_point::max().time_since_epoch().count() - limit.count()) {
         return Clock::time_point::max();
     }
@@ -35,7 +35,9 @@ Clock::time_point deadlineAfter(int32_t timeout_ms)
 
 } // namespace
 
-TaskTable::TaskTable(size_t max_workers) : pool_(max_workers) {}
+TaskTable::TaskTable(size_t max_workers) : pool_(max_workers)
+{
+}
 
 TaskTable::~TaskTable()
 {

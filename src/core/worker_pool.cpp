@@ -9,7 +9,9 @@ thread_local const WorkerPool* current_pool = nullptr;
 
 } // namespace
 
-WorkerPool::WorkerPool(size_t max_threads) : max_threads_(std::max<size_t>(max_threads, 1)) {}
+WorkerPool::WorkerPool(size_t max_threads) : max_threads_(std::max<size_t>(max_threads, 1))
+{
+}
 
 WorkerPool::~WorkerPool()
 {

@@ -11,7 +11,10 @@ namespace HALYX {
 // A class request to the DFU-trigger interface of one of the maker's USB
 // devices: a trigger without data, or a read that fills the caller's buffer.
 struct DfuTriggerTransfer {
-    enum class Kind { Trigger, Read };
+    enum class Kind {
+        Trigger,
+        Read
+    };
     Kind kind = Kind::Read;
     uint8_t request = 0;
 };

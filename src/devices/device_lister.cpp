@@ -21,10 +21,7 @@ namespace {
 
 DeviceLister::DeviceLister(halyx_context* owner, std::unique_ptr<AsyncLister> lister,
                            std::vector<std::shared_ptr<PluginApi>> plugins)
-    : events_(owner),
-      lister_(std::move(lister)),
-      plugin_pass_(std::move(plugins)),
-      router_(lister_.get()),
+    : events_(owner), lister_(std::move(lister)), plugin_pass_(std::move(plugins)), router_(lister_.get()),
       enumerate_ms_(kDefaultTimeouts.enumerate_ms)
 {
     for (const auto& plugin : plugin_pass_.plugins()) {

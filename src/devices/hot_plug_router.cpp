@@ -24,7 +24,9 @@ bool HotPlugRouter::inCallback() const
     return delivering == this;
 }
 
-HotPlugRouter::HotPlugRouter(AsyncLister* lister) : lister_(lister) {}
+HotPlugRouter::HotPlugRouter(AsyncLister* lister) : lister_(lister)
+{
+}
 
 bool HotPlugRouter::running() const
 {

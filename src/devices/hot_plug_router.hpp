@@ -44,7 +44,6 @@ private:
         const HotPlugRouter* outer_;
     };
 
-
     // Runs the lister's start or stop outside the lock, marked as changing
     // meanwhile; `running` is the state it leaves behind when it succeeds.
     void change(std::unique_lock<std::mutex>& lock, bool running, const std::function<void()>& action);

@@ -8,11 +8,10 @@ namespace HALYX::KnownKits {
 
 bool namesMcuboot(std::string_view product)
 {
-    const auto match = std::search(product.begin(), product.end(), kMcubootProductMarker.begin(),
-                                   kMcubootProductMarker.end(), [](char a, char b) {
-                                       return std::toupper(static_cast<unsigned char>(a)) ==
-                                              std::toupper(static_cast<unsigned char>(b));
-                                   });
+    const auto match = std::search(
+        product.begin(), product.end(), kMcubootProductMarker.begin(), kMcubootProductMarker.end(), [](char a, char b) {
+            return std::toupper(static_cast<unsigned char>(a)) == std::toupper(static_cast<unsigned char>(b));
+        });
     return match != product.end();
 }
 

@@ -8,10 +8,7 @@ namespace HALYX {
 
 Operation::Operation(const ASYNC::operation_call_wrapper_t& task, OperationOptions options,
                      std::optional<halyx_mcu_state_t> mcu_end_state, Callbacks callbacks, Environment environment)
-    : task_(task),
-      options_(std::move(options)),
-      mcu_end_state_(mcu_end_state),
-      callbacks_(callbacks),
+    : task_(task), options_(std::move(options)), mcu_end_state_(mcu_end_state), callbacks_(callbacks),
       environment_(environment)
 {
 }
@@ -19,8 +16,8 @@ Operation::Operation(const ASYNC::operation_call_wrapper_t& task, OperationOptio
 DeviceAccess& Operation::devices() const
 {
     if (environment_.devices == nullptr) {
-        throw HALYXException(HALYX_ERR_NOT_SUPPORTED, fmt::format("{}: no devices can be reached from here",
-                                                                  options_.operation));
+        throw HALYXException(HALYX_ERR_NOT_SUPPORTED,
+                             fmt::format("{}: no devices can be reached from here", options_.operation));
     }
     return *environment_.devices;
 }

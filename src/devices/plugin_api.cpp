@@ -13,7 +13,9 @@ namespace {
 
 } // namespace
 
-PluginApi::PluginApi() : logger_(Log::logger()) {}
+PluginApi::PluginApi() : logger_(Log::logger())
+{
+}
 
 PluginApi::~PluginApi() = default;
 
@@ -22,9 +24,13 @@ std::unique_ptr<PluginApi> PluginApi::createInstance() const
     return nullptr;
 }
 
-void PluginApi::setEventCallback(EventCallback) {}
+void PluginApi::setEventCallback(EventCallback)
+{
+}
 
-void PluginApi::onDeviceEvent(const std::string&, uint32_t, const std::string&) {}
+void PluginApi::onDeviceEvent(const std::string&, uint32_t, const std::string&)
+{
+}
 
 std::vector<std::string> PluginApi::getTraits() const
 {
@@ -36,7 +42,9 @@ bool PluginApi::canHandle(const std::string&, const std::string&, const Operatio
     return false;
 }
 
-void PluginApi::enumerate(nlohmann::json&, const DeviceChanged&, const DeviceFound&) {}
+void PluginApi::enumerate(nlohmann::json&, const DeviceChanged&, const DeviceFound&)
+{
+}
 
 void PluginApi::program(const std::string&, const halyx_firmware&, const ProgramOptions&, Operation&)
 {
@@ -104,6 +112,8 @@ void PluginApi::setLogger(std::shared_ptr<spdlog::logger> logger)
     logger_ = std::move(logger);
 }
 
-void PluginApi::setInitParameters(const std::string&) {}
+void PluginApi::setInitParameters(const std::string&)
+{
+}
 
 } // namespace HALYX

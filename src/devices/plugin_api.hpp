@@ -56,8 +56,7 @@ public:
     virtual void erase(const std::string& device, Operation& operation);
     virtual std::vector<ImageInfo> readFwInfo(const std::string& device, Operation& operation);
     virtual void readFw(const std::string& device, const halyx_firmware& firmware, Operation& operation);
-    virtual std::string readRegister(const std::string& device, const std::string& register_path,
-                                     Operation& operation);
+    virtual std::string readRegister(const std::string& device, const std::string& register_path, Operation& operation);
     virtual halyx_device_core_info_t getCoreInfo(const std::string& device, Operation& operation);
     virtual void recover(const std::string& device, Operation& operation);
     virtual void setMcuState(const std::string& device, halyx_mcu_state_t state, Operation& operation);

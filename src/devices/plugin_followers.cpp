@@ -57,7 +57,8 @@ void PluginFollowers::tell(const Device& device, halyx_device_event_type_t type)
         try {
             plugin->onDeviceEvent(text, static_cast<uint32_t>(type), std::string());
         } catch (const std::exception& e) {
-            Log::exception(spdlog::level::err, e, fmt::format("Plugin {} failed on a device event:", plugin->getName()));
+            Log::exception(spdlog::level::err, e,
+                           fmt::format("Plugin {} failed on a device event:", plugin->getName()));
         }
     }
 }

@@ -4,7 +4,9 @@
 
 namespace HALYX {
 
-PluginPass::PluginPass(std::vector<std::shared_ptr<PluginApi>> plugins) : plugins_(std::move(plugins)) {}
+PluginPass::PluginPass(std::vector<std::shared_ptr<PluginApi>> plugins) : plugins_(std::move(plugins))
+{
+}
 
 std::vector<uint64_t> PluginPass::run(DevicePool& pool, const std::vector<uint64_t>& ids)
 {

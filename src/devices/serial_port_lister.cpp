@@ -19,7 +19,9 @@ void markBridge(SerialPort& port)
 
 } // namespace
 
-SerialPortLister::SerialPortLister(std::shared_ptr<SerialPortListerHW> hardware) : hardware_(std::move(hardware)) {}
+SerialPortLister::SerialPortLister(std::shared_ptr<SerialPortListerHW> hardware) : hardware_(std::move(hardware))
+{
+}
 
 SerialPortLister::~SerialPortLister() = default;
 

@@ -50,7 +50,7 @@ json askInfo(DeviceAccess& devices, uint64_t id)
     const auto info =
         ask(devices, id, KnownKits::kDfuTriggerInfoRequest, reply) ? decodeDfuTriggerInfo(reply) : std::nullopt;
     if (info) {
-        return json{{"wAddress", info->wAddress},         {"wVersionMajor", info->wVersionMajor},
+        return json{{"wAddress", info->wAddress},           {"wVersionMajor", info->wVersionMajor},
                     {"wVersionMinor", info->wVersionMinor}, {"wFirmwareId", info->wFirmwareId},
                     {"wFlashSize", info->wFlashSize},       {"wFlashPageSize", info->wFlashPageSize}};
     }
@@ -76,7 +76,9 @@ std::optional<DfuTriggerInfo> decodeDfuTriggerInfo(const std::vector<uint8_t>& r
     return info;
 }
 
-USBLister::USBLister(std::unique_ptr<USBPlatformAPI> platform) : platform_(std::move(platform)) {}
+USBLister::USBLister(std::unique_ptr<USBPlatformAPI> platform) : platform_(std::move(platform))
+{
+}
 
 USBLister::~USBLister()
 {

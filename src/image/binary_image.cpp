@@ -57,11 +57,12 @@ std::ifstream BinaryImage::openFile(const std::filesystem::path& path)
 uint8_t* BinaryImage::append(uint32_t address, size_t size)
 {
     if (uint64_t{address} + size > kAddressSpace) {
-        throw memory_error(fmt::format("{} bytes at address 0x{:08X} run past the end of the 32-bit address space.",
-                                       size, address));
+        throw memory_error(
+            fmt::format("{} bytes at address 0x{:08X} run past the end of the 32-bit address space.", size, address));
     }
     const size_t offset = bytes_.size();
-    if (!extents_.empty() && extents_.back().end() == address && extents_.back().offset + extents_.back().size == offset) {
+    if (!extents_.empty() && extents_.back().end() == address &&
+        extents_.back().offset + extents_.back().size == offset) {
         extents_.back().size += size;
     } else if (size > 0) {
         extents_.push_back({address, offset, size});

@@ -81,7 +81,10 @@ public:
     };
 
     // Output formats of save(); names are what save() accepts as specifier.
-    enum class OutputFormat { IntelHex, Binary };
+    enum class OutputFormat {
+        IntelHex,
+        Binary
+    };
 
     BinaryImage() = default;
 

@@ -27,9 +27,8 @@ constexpr std::array<std::pair<std::string_view, halyx_fw_format_t>, 7> kExtensi
 
 bool startsWith(std::span<const uint8_t> bytes, std::string_view prefix)
 {
-    return bytes.size() >= prefix.size() &&
-           std::equal(prefix.begin(), prefix.end(), bytes.begin(),
-                      [](char p, uint8_t b) { return static_cast<uint8_t>(p) == b; });
+    return bytes.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), bytes.begin(),
+                                                       [](char p, uint8_t b) { return static_cast<uint8_t>(p) == b; });
 }
 
 std::optional<halyx_fw_format_t> recognise(std::string_view name, std::span<const uint8_t> head)
@@ -44,7 +43,8 @@ std::optional<halyx_fw_format_t> recognise(std::string_view name, std::span<cons
     if (startsWith(head, ":") || startsWith(head, "\xEF\xBB\xBF:")) {
         return HALYX_FW_FORMAT_INTEL_HEX;
     }
-    if (startsWith(head, "\x7f" "ELF")) {
+    if (startsWith(head, "\x7f"
+                         "ELF")) {
         return HALYX_FW_FORMAT_ELF;
     }
     if (startsWith(head, "PK\x03\x04")) {

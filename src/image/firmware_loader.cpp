@@ -78,9 +78,9 @@ BinaryImage loadImageBytes(std::span<const uint8_t> bytes, halyx_fw_format_t for
         }
         return BinaryImage::fromBytes(bytes, static_cast<uint32_t>(binaryAddress));
     default:
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             fmt::format("{} is not a HEX, ELF or binary image (format {}).", name,
-                                         static_cast<unsigned>(format)));
+        throw HALYXException(
+            HALYX_ERR_INVALID_ARGUMENT,
+            fmt::format("{} is not a HEX, ELF or binary image (format {}).", name, static_cast<unsigned>(format)));
     }
 }
 

@@ -75,7 +75,8 @@ PackageManifest PackageManifest::parse(std::string_view text)
     }
     for (const auto& item : *files) {
         const auto file = item.is_object() ? item.find("file") : item.end();
-        if (!item.is_object() || file == item.end() || !file->is_string() || file->get_ref<const std::string&>().empty()) {
+        if (!item.is_object() || file == item.end() || !file->is_string() ||
+            file->get_ref<const std::string&>().empty()) {
             throw manifestError("file field missing from json manifest item");
         }
         manifest.files_.emplace_back(file->get<std::string>(), item);

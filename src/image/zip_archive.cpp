@@ -51,7 +51,9 @@ struct ZipArchive::State {
     }
 };
 
-ZipArchive::ZipArchive(std::unique_ptr<State> state) : state_(std::move(state)) {}
+ZipArchive::ZipArchive(std::unique_ptr<State> state) : state_(std::move(state))
+{
+}
 ZipArchive::ZipArchive(ZipArchive&&) noexcept = default;
 ZipArchive& ZipArchive::operator=(ZipArchive&&) noexcept = default;
 ZipArchive::~ZipArchive() = default;
@@ -114,9 +116,7 @@ std::vector<uint8_t> ZipArchive::read(std::string_view name) const
     if (!index) {
         throw HALYXException(HALYX_ERR_NOT_FOUND, fmt::format("file not found in zip: {}", name));
     }
-    auto failed = [&] {
-        return HALYXException(HALYX_ERR_ARCHIVE, fmt::format("file decompression failed: {}", name));
-    };
+    auto failed = [&] { return HALYXException(HALYX_ERR_ARCHIVE, fmt::format("file decompression failed: {}", name)); };
     zip_file_t* file = zip_fopen_index(state_->zip, *index, 0);
     if (file == nullptr) {
         Log::debug("libzip cannot open {}: {}", name, zip_strerror(state_->zip));

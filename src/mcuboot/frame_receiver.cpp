@@ -37,8 +37,8 @@ std::vector<uint8_t> base64Decode(std::string_view text)
     size_t length = bytes.size();
     if (base64_decode_update(&context, &length, bytes.data(), text.size(), text.data()) == 0 ||
         base64_decode_final(&context) == 0) {
-        throw SmpException(fmt::format("Padding error decoding base64 data, {} characters are not valid base64",
-                                       text.size()));
+        throw SmpException(
+            fmt::format("Padding error decoding base64 data, {} characters are not valid base64", text.size()));
     }
     bytes.resize(length);
     return bytes;
@@ -156,8 +156,8 @@ SmpPacket FrameReceiver::decodeFrames()
     }
     for (size_t i = 0; i < frames_.size(); ++i) {
         if (frames_[i].start != (i == 0)) {
-            throw SmpException(
-                fmt::format("Frame type is not of expected type. Wanted {}", i == 0 ? "Frame Start" : "Frame Continue"));
+            throw SmpException(fmt::format("Frame type is not of expected type. Wanted {}",
+                                           i == 0 ? "Frame Start" : "Frame Continue"));
         }
     }
     // The length field in the first three decoded bytes says how much text

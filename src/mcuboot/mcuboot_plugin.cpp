@@ -167,8 +167,9 @@ constexpr uint32_t kShortestLine = 7;
 uint32_t unsignedSetting(const json& value, const char* key, uint32_t maximum, uint32_t minimum = 0)
 {
     if (!value.is_number_unsigned() || value.get<uint64_t>() > maximum || value.get<uint64_t>() < minimum) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("{} must be an unsigned number from {} to {}, is {}",
-                                                                     key, minimum, maximum, value.dump()));
+        throw HALYXException(
+            HALYX_ERR_INVALID_ARGUMENT,
+            fmt::format("{} must be an unsigned number from {} to {}, is {}", key, minimum, maximum, value.dump()));
     }
     return value.get<uint32_t>();
 }
@@ -260,7 +261,8 @@ void McubootPlugin::setInitParameters(const std::string& parameters)
             } else if (key == "MCUBOOT_MODEM_SERIALPORT_BAUDRATE") {
                 settings.modemBaudRate = unsignedSetting(value, key.c_str(), UINT32_MAX);
             } else if (key == "MCUBOOT_NETCORE_UPLOAD_WAIT_TIME") {
-                settings.netCoreUploadWaitSeconds = static_cast<uint16_t>(unsignedSetting(value, key.c_str(), UINT16_MAX));
+                settings.netCoreUploadWaitSeconds =
+                    static_cast<uint16_t>(unsignedSetting(value, key.c_str(), UINT16_MAX));
             } else if (key == "MCUBOOT_LINE_LENGTH") {
                 settings.lineLength = unsignedSetting(value, key.c_str(), UINT16_MAX, kShortestLine);
             } else if (key == "MCUBOOT_PACKET_SIZE") {
@@ -292,7 +294,8 @@ void McubootPlugin::program(const std::string& device_json, const halyx_firmware
 {
     Log::ScopeTimer timer("HALYX::MCUBOOT::McubootPlugin::program");
     if (program_options.verify) {
-        Log::info("No read-back verification over MCUboot: the boot loader checks the image's hash before it boots it.");
+        Log::info(
+            "No read-back verification over MCUboot: the boot loader checks the image's hash before it boots it.");
     }
     const auto settings = this->settings();
     const auto device = json::parse(device_json);

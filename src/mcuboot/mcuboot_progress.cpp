@@ -8,11 +8,20 @@ namespace HALYX::MCUBOOT {
 
 std::string toString(ProgressOperation operation)
 {
-    static const char* const names[] = {"open_device",      "close_device",           "upload_image",
-                                        "erase_image",      "confirm_image",          "verify_image",
-                                        "read_images",      "issue_modem_dfu_reset",  "enter_programming_state",
-                                        "enter_application_state", "get_memory_hash", "attach_device",
-                                        "download_image",   "check_bootloader"};
+    static const char* const names[] = {"open_device",
+                                        "close_device",
+                                        "upload_image",
+                                        "erase_image",
+                                        "confirm_image",
+                                        "verify_image",
+                                        "read_images",
+                                        "issue_modem_dfu_reset",
+                                        "enter_programming_state",
+                                        "enter_application_state",
+                                        "get_memory_hash",
+                                        "attach_device",
+                                        "download_image",
+                                        "check_bootloader"};
     const auto index = static_cast<size_t>(operation);
     if (index >= std::size(names)) {
         throw std::invalid_argument("Unable to generate string for operation enum value.");

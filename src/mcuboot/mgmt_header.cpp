@@ -56,8 +56,7 @@ std::array<uint8_t, MgmtHeader::kSize> MgmtHeader::encode() const
 MgmtHeader MgmtHeader::decode(std::span<const uint8_t> bytes)
 {
     if (bytes.size() < kSize) {
-        throw std::invalid_argument(
-            fmt::format("MgmtHeader size must be {} bytes, is {} bytes", kSize, bytes.size()));
+        throw std::invalid_argument(fmt::format("MgmtHeader size must be {} bytes, is {} bytes", kSize, bytes.size()));
     }
     BigEndianReader reader(bytes.first(kSize));
     MgmtHeader header;

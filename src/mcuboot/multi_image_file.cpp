@@ -20,9 +20,8 @@ std::optional<uint32_t> number32(const PackageManifest::Item& item, std::string_
 {
     const auto value = item.number(key);
     if (value && *value > std::numeric_limits<uint32_t>::max()) {
-        throw HALYXException(HALYX_ERR_MANIFEST,
-                             fmt::format("\"{}\" of manifest item {} does not fit in 32 bits: {}", key, item.file(),
-                                         *value));
+        throw HALYXException(HALYX_ERR_MANIFEST, fmt::format("\"{}\" of manifest item {} does not fit in 32 bits: {}",
+                                                             key, item.file(), *value));
     }
     return value ? std::optional<uint32_t>(static_cast<uint32_t>(*value)) : std::nullopt;
 }

@@ -20,15 +20,15 @@ namespace HALYX::MCUBOOT {
 
 // One image of a package, with what its manifest item says about it.
 struct PackageImage {
-    std::string file;                          // "file": the entry in the archive
-    std::optional<uint32_t> imageIndex;        // "image_index": the SMP image number, if given
-    uint32_t loadAddress = 0;                  // "load_address", 0 if not given
-    std::string version;                       // "version_MCUBOOT"
-    std::optional<uint32_t> slotIndexPrimary;  // "slot_index_primary"
+    std::string file;                           // "file": the entry in the archive
+    std::optional<uint32_t> imageIndex;         // "image_index": the SMP image number, if given
+    uint32_t loadAddress = 0;                   // "load_address", 0 if not given
+    std::string version;                        // "version_MCUBOOT"
+    std::optional<uint32_t> slotIndexPrimary;   // "slot_index_primary"
     std::optional<uint32_t> slotIndexSecondary; // "slot_index_secondary"
-    std::optional<uint64_t> modtime;           // "modtime"; informational
-    std::string type;                          // "type"; informational
-    std::string board;                         // "board"; informational
+    std::optional<uint64_t> modtime;            // "modtime"; informational
+    std::string type;                           // "type"; informational
+    std::string board;                          // "board"; informational
     // The bytes; its target address is loadAddress (for a HEX or ELF entry
     // without "load_address", the lowest address in it). packageEntryFormat
     // decides an entry's kind, as for every other reader of packages.

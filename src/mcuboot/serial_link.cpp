@@ -51,7 +51,7 @@ void applySettings(asio::serial_port& port, const SerialSettings& settings)
 {
     using base = asio::serial_port_base;
     static constexpr base::flow_control::type flow[] = {base::flow_control::none, base::flow_control::software,
-                                                         base::flow_control::hardware};
+                                                        base::flow_control::hardware};
     static constexpr base::parity::type parity[] = {base::parity::none, base::parity::odd, base::parity::even};
     static constexpr base::stop_bits::type stop[] = {base::stop_bits::one, base::stop_bits::onepointfive,
                                                      base::stop_bits::two};
@@ -110,8 +110,8 @@ void SerialLink::open()
             Log::debug("serial io_context executed {} handlers.", handlers);
         });
     } catch (const std::system_error& e) {
-        auto message = fmt::format("Error starting serial port work thread. {} on serial port {}.", e.what(),
-                                   settings_.port);
+        auto message =
+            fmt::format("Error starting serial port work thread. {} on serial port {}.", e.what(), settings_.port);
         Log::error("{}", message);
         throw McuBootFailure(McuBootError::UartResourceError, std::move(message));
     }
@@ -144,8 +144,7 @@ void SerialLink::startRead(Session& session)
             return;
         }
         // End of file or EIO: the device went away. Reading stops here.
-        Log::error("serial port read failed on port {}. Error {} [{}]", settings_.port, error.value(),
-                   error.message());
+        Log::error("serial port read failed on port {}. Error {} [{}]", settings_.port, error.value(), error.message());
         if (on_failure_) {
             on_failure_(error.message());
         }

@@ -37,10 +37,7 @@ uint32_t validChunk(int64_t size)
 
 SmpClient::SmpClient(std::unique_ptr<SmpTransport> transport, SequenceCounter& sequence, Options options,
                      ProgressReporter& progress)
-    : transport_(std::move(transport)),
-      sequence_(sequence),
-      options_(std::move(options)),
-      progress_(progress),
+    : transport_(std::move(transport)), sequence_(sequence), options_(std::move(options)), progress_(progress),
       response_timeout_(options_.responseTimeout)
 {
 }
@@ -254,8 +251,9 @@ void SmpClient::resetDevice()
     progress_.beginStep(ProgressOperation::EnterApplicationState, "Reset device.");
     Log::info("Sending reset request to device.");
     try {
-        send(resetRequest(sequence_.next()), [](const SmpPacket& response) { checkWriteResponse(response); },
-             Wait::Resend);
+        send(
+            resetRequest(sequence_.next()), [](const SmpPacket& response) { checkWriteResponse(response); },
+            Wait::Resend);
     } catch (const McuBootFailure& f) {
         if (f.error() != McuBootError::UartReadError) {
             Log::error("Error calling enterApplicationState, {}", f.what());
@@ -270,8 +268,8 @@ void SmpClient::resetDevice()
 uint32_t SmpClient::uploadChunk(std::span<const uint8_t> data, uint32_t offset, uint32_t total, uint32_t address,
                                 MgmtGroupId group, std::optional<uint32_t> image_number)
 {
-    Log::info("Uploading chunk offset: {}, len: {}, out of total len {}, target addr: {}", offset, data.size(),
-              total, address);
+    Log::info("Uploading chunk offset: {}, len: {}, out of total len {}, target addr: {}", offset, data.size(), total,
+              address);
     SmpPacket packet;
     try {
         packet = uploadChunkRequest(sequence_.next(), group, ChunkRequest{data, offset, total, image_number, address});
@@ -289,8 +287,8 @@ uint32_t SmpClient::uploadChunk(std::span<const uint8_t> data, uint32_t offset, 
     return answered;
 }
 
-void SmpClient::uploadImage(ImageFile& image, MgmtGroupId group, std::optional<uint32_t> image_number,
-                            bool erase_first, int start_percentage)
+void SmpClient::uploadImage(ImageFile& image, MgmtGroupId group, std::optional<uint32_t> image_number, bool erase_first,
+                            int start_percentage)
 {
     if (!isUploadGroup(group)) {
         Log::error("Invalid target_mgmt_service in uploadImage: {}", group);

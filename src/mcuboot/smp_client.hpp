@@ -74,7 +74,10 @@ public:
     SmpTransport& transport() { return *transport_; }
 
 private:
-    enum class Wait { Resend, Whole };
+    enum class Wait {
+        Resend,
+        Whole
+    };
 
     void send(const SmpPacket& packet, const SmpTransport::ResponseHandler& handler, Wait wait,
               std::chrono::milliseconds extra = std::chrono::milliseconds(0));

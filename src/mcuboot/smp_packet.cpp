@@ -16,7 +16,8 @@ SmpPacket SmpPacket::request(MgmtOp op, uint8_t flags, MgmtGroupId group, uint8_
                              std::vector<uint8_t> payload)
 {
     if (payload.size() > std::numeric_limits<uint16_t>::max()) {
-        throw SmpException(fmt::format("SMP payload of {} bytes does not fit the header's length field", payload.size()));
+        throw SmpException(
+            fmt::format("SMP payload of {} bytes does not fit the header's length field", payload.size()));
     }
     MgmtHeader header;
     header.op = static_cast<uint8_t>(op);

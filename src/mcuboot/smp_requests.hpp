@@ -14,11 +14,11 @@
 namespace HALYX::MCUBOOT {
 
 namespace CommandId {
-constexpr uint8_t Reset = 5;           // OS group
+constexpr uint8_t Reset = 5;            // OS group
 constexpr uint8_t McumgrParameters = 6; // OS group: buffer size, where the device offers it
-constexpr uint8_t ImageErase = 5;      // image group
-constexpr uint8_t ImageUpload = 1;     // image and modem-image groups
-constexpr uint8_t StatRead = 0;        // statistics group
+constexpr uint8_t ImageErase = 5;       // image group
+constexpr uint8_t ImageUpload = 1;      // image and modem-image groups
+constexpr uint8_t StatRead = 0;         // statistics group
 } // namespace CommandId
 
 // The "rc" of a device that has no handler for the request.
@@ -60,7 +60,10 @@ SmpPacket uploadChunkRequest(uint8_t seq, MgmtGroupId group, const ChunkRequest&
 
 bool isUploadGroup(MgmtGroupId group);
 
-enum class WriteRequest { Generic, Erase };
+enum class WriteRequest {
+    Generic,
+    Erase
+};
 
 // A write response's CBOR map and its "rc".
 struct WriteResponse {

@@ -114,8 +114,8 @@ bool SmpUartTransport::receiving()
 std::optional<SmpPacket> SmpUartTransport::takeResponse(uint8_t seq)
 {
     // Caller holds queue_mutex_.
-    const auto match = std::find_if(packets_.begin(), packets_.end(),
-                                    [seq](const SmpPacket& p) { return p.header().seq == seq; });
+    const auto match =
+        std::find_if(packets_.begin(), packets_.end(), [seq](const SmpPacket& p) { return p.header().seq == seq; });
     if (match == packets_.end()) {
         return std::nullopt;
     }

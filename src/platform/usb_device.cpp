@@ -143,8 +143,8 @@ std::vector<USBConfigurationDescriptor> walkConfigurationDescriptors(const uint8
         const uint8_t length = data[offset];
         const uint8_t type = data[offset + 1];
         if (length < 2 || offset + length > size) {
-            Log::warn("USB descriptor at offset {} has length {} of {} bytes left; the rest is ignored", offset,
-                      length, size - offset);
+            Log::warn("USB descriptor at offset {} has length {} of {} bytes left; the rest is ignored", offset, length,
+                      size - offset);
             break;
         }
         const std::span<const uint8_t> d(data + offset, length);

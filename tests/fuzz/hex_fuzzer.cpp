@@ -17,7 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::ostringstream written;
     image.writeHex(written);
     const std::string text = written.str();
-    const auto again = BinaryImage::fromHex(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), "again");
+    const auto again =
+        BinaryImage::fromHex(std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()), "again");
     if (again.segmentCount() != image.segmentCount() || again.startAddress() != image.startAddress()) {
         std::abort();
     }

@@ -78,9 +78,8 @@ bool LogCapture::waitFor(const std::string& needle, std::chrono::milliseconds li
 size_t LogCapture::count(const std::string& needle) const
 {
     std::lock_guard lock(mutex_);
-    return static_cast<size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const auto& line) {
-        return line.second.find(needle) != std::string::npos;
-    }));
+    return static_cast<size_t>(std::count_if(
+        lines_.begin(), lines_.end(), [&](const auto& line) { return line.second.find(needle) != std::string::npos; }));
 }
 
 std::vector<std::pair<uint32_t, std::string>> LogCapture::lines() const

@@ -110,8 +110,8 @@ int list(halyx_context* context, ListFormat format, const std::vector<std::strin
             printTable(*list);
         } else {
             // The library's CSV_WO_HEADER is the variant that writes the header line.
-            const uint32_t doc_format = format == ListFormat::Json ? HALYX_DOC_FORMAT_JSON_PRETTY
-                                                                   : HALYX_DOC_FORMAT_CSV_WO_HEADER;
+            const uint32_t doc_format =
+                format == ListFormat::Json ? HALYX_DOC_FORMAT_JSON_PRETTY : HALYX_DOC_FORMAT_CSV_WO_HEADER;
             Document document(context);
             check(context, halyx_util_device_list_as_document(context, doc_format, list, document.out()),
                   "halyx_util_device_list_as_document");

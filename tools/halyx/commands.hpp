@@ -17,7 +17,11 @@ struct Failure {
 // Throws Failure when code is not success.
 void check(halyx_context* context, halyx_errorcode_t code, const char* what);
 
-enum class ListFormat { Table, Json, Csv };
+enum class ListFormat {
+    Table,
+    Json,
+    Csv
+};
 
 int list(halyx_context* context, ListFormat format, const std::vector<std::string>& filter);
 int watch(halyx_context* context, StopSignal& stop);

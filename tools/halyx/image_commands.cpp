@@ -77,8 +77,8 @@ void printInfo(const ordered_json& info)
                     entry["fileSize"].get<unsigned long long>());
         for (const auto& [key, value] : entry["item"].items()) {
             if (key != "file") {
-                std::printf("    %s: %s\n", key.c_str(), value.is_string() ? value.get<std::string>().c_str()
-                                                                           : value.dump().c_str());
+                std::printf("    %s: %s\n", key.c_str(),
+                            value.is_string() ? value.get<std::string>().c_str() : value.dump().c_str());
             }
         }
         printImage(entry, "    ");

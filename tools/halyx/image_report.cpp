@@ -23,8 +23,8 @@ bool hasMcubootMagic(std::span<const uint8_t> bytes)
     if (bytes.size() < 4) {
         return false;
     }
-    const uint32_t magic = uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
-                           uint32_t{bytes[3]} << 24;
+    const uint32_t magic =
+        uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
     return magic == HALYX::MCUBOOT::ImageHeader::kMagic || magic == HALYX::MCUBOOT::ImageHeader::kMagicV1;
 }
 
@@ -71,7 +71,8 @@ ordered_json mcuboot(const HALYX::MCUBOOT::ImageFile& image)
     }
     out["sha256"] = hexText(trailer->sha256);
     const uint64_t hashed = header.trailerOffset() + header.protectedTlvSize;
-    out["hashMatches"] = hashed <= image.length() && hexText(image.digest(static_cast<size_t>(hashed))) == out["sha256"];
+    out["hashMatches"] =
+        hashed <= image.length() && hexText(image.digest(static_cast<size_t>(hashed))) == out["sha256"];
     out["tlvAreas"] = ordered_json::array();
     for (const auto& area : trailer->areas) {
         ordered_json entries = ordered_json::array();
@@ -150,8 +151,9 @@ nlohmann::ordered_json describeImageFile(const std::filesystem::path& path, uint
     firmware.data = path.string();
     const auto image = HALYX::loadFirmwareImage(firmware, binaryAddress);
     describeImage(out, image);
-    const Bytes raw = format == HALYX_FW_FORMAT_BINARY ? Bytes(image.segment(0).bytes.begin(), image.segment(0).bytes.end())
-                                                       : Bytes{};
+    const Bytes raw = format == HALYX_FW_FORMAT_BINARY
+                          ? Bytes(image.segment(0).bytes.begin(), image.segment(0).bytes.end())
+                          : Bytes{};
     addMcuboot(out, format, image, raw);
     return out;
 }

@@ -41,8 +41,7 @@ CLI::Validator unsignedUpTo(uint64_t max, const std::string& what)
 // A usage error found after parsing, reported as CLI11 reports its own.
 class UsageError : public CLI::ParseError {
 public:
-    explicit UsageError(std::string message)
-        : ParseError("UsageError", std::move(message), CLI::ExitCodes::ExtrasError)
+    explicit UsageError(std::string message) : ParseError("UsageError", std::move(message), CLI::ExitCodes::ExtrasError)
     {
     }
 };
@@ -60,8 +59,8 @@ std::string failureMessage(const CLI::App* app, const CLI::Error& error)
     }
     std::string problem = error.what();
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr) {
-        problem = fmt::format("unexpected argument for '{}': {}", command->get_name(),
-                              fmt::join(command->remaining(), " "));
+        problem =
+            fmt::format("unexpected argument for '{}': {}", command->get_name(), fmt::join(command->remaining(), " "));
     }
     return fmt::format("{}: {}\n\n{}", path, problem, command->help());
 }
@@ -92,7 +91,8 @@ int runWithContext(CLI::App& app, int logLevel, halyx_tool::ListFormat format, c
     int status = 0;
     try {
         if (logLevel >= 0) {
-            halyx_tool::check(context, halyx_register_log_event(context, printLog, nullptr), "halyx_register_log_event");
+            halyx_tool::check(context, halyx_register_log_event(context, printLog, nullptr),
+                              "halyx_register_log_event");
             halyx_tool::check(context, halyx_set_log_level(context, static_cast<uint32_t>(logLevel)),
                               "halyx_set_log_level");
         }
@@ -153,8 +153,8 @@ int main(int argc, char** argv)
     halyx_tool::ProgramRequest programRequest;
     std::string serialNumber;
     uint64_t id = 0;
-    auto* serialOption = program->add_option("--serial", serialNumber, "The device with this serial number")
-                             ->option_text("SN");
+    auto* serialOption =
+        program->add_option("--serial", serialNumber, "The device with this serial number")->option_text("SN");
     auto* idOption = program->add_option("--id", id, "The device with this id (see 'halyx list')")
                          ->option_text("N")
                          ->check(unsignedUpTo(std::numeric_limits<uint64_t>::max(), "a device id"))
@@ -189,8 +189,9 @@ int main(int argc, char** argv)
         app.parse(argc, argv);
         if (!app.remaining().empty()) {
             const std::string first = app.remaining().front();
-            throw UsageError(app.get_subcommands().empty() && !first.starts_with("-") ? "unknown command: " + first
-                                                                                      : "unexpected argument: " + first);
+            throw UsageError(app.get_subcommands().empty() && !first.starts_with("-")
+                                 ? "unknown command: " + first
+                                 : "unexpected argument: " + first);
         }
         if (app.get_subcommands().empty()) {
             throw UsageError("a command is needed");

@@ -1,9 +1,9 @@
 #include "stop_signal.hpp"
 
 #include <csignal>
-#include <stdexcept>
 #include <pthread.h>
 #include <signal.h>
+#include <stdexcept>
 
 namespace halyx_tool {
 namespace {

@@ -15,9 +15,8 @@ using nlohmann::json;
 void checkView(const halyx_device_t& device)
 {
     if (device.trait_count > 0 && device.traits == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             fmt::format("device {} has trait_count {} but traits is NULL", device.id,
-                                         device.trait_count));
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("device {} has trait_count {} but traits is NULL",
+                                                                     device.id, device.trait_count));
     }
     if (device.serial_port_count > 0 && device.serial_ports == nullptr) {
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,

@@ -8,9 +8,9 @@ namespace HALYX::Documents {
 
 std::string formatName(uint32_t format)
 {
-    static constexpr std::array<const char*, 5> kNames{
-        "HALYX_DOC_FORMAT_TEXT", "HALYX_DOC_FORMAT_JSON", "HALYX_DOC_FORMAT_JSON_PRETTY", "HALYX_DOC_FORMAT_CSV",
-        "HALYX_DOC_FORMAT_CSV_WO_HEADER"};
+    static constexpr std::array<const char*, 5> kNames{"HALYX_DOC_FORMAT_TEXT", "HALYX_DOC_FORMAT_JSON",
+                                                       "HALYX_DOC_FORMAT_JSON_PRETTY", "HALYX_DOC_FORMAT_CSV",
+                                                       "HALYX_DOC_FORMAT_CSV_WO_HEADER"};
     if (format >= kNames.size()) {
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "Unknown enum value to convert to text");
     }

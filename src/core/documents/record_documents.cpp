@@ -16,12 +16,12 @@ const char* nameOf(const std::array<const char*, N>& names, uint32_t value)
     return value < N ? names[value] : names[N - 1];
 }
 
-constexpr std::array<const char*, 6> kImageTypes{
-    "HALYX_IMAGE_TYPE_APPLICATION",      "HALYX_IMAGE_TYPE_BOOTLOADER", "HALYX_IMAGE_TYPE_RADIOSTACK",
-    "HALYX_IMAGE_TYPE_OPERATIVE_SYSTEM", "HALYX_IMAGE_TYPE_GENERIC",    "HALYX_IMAGE_TYPE_UNKNOWN"};
-constexpr std::array<const char*, 5> kBootloaderTypes{
-    "HALYX_BOOTLOADER_TYPE_NONE", "HALYX_BOOTLOADER_TYPE_MCUBOOT", "HALYX_BOOTLOADER_TYPE_SDFU",
-    "HALYX_BOOTLOADER_TYPE_B0", "HALYX_BOOTLOADER_TYPE_UNKNOWN"};
+constexpr std::array<const char*, 6> kImageTypes{"HALYX_IMAGE_TYPE_APPLICATION", "HALYX_IMAGE_TYPE_BOOTLOADER",
+                                                 "HALYX_IMAGE_TYPE_RADIOSTACK",  "HALYX_IMAGE_TYPE_OPERATIVE_SYSTEM",
+                                                 "HALYX_IMAGE_TYPE_GENERIC",     "HALYX_IMAGE_TYPE_UNKNOWN"};
+constexpr std::array<const char*, 5> kBootloaderTypes{"HALYX_BOOTLOADER_TYPE_NONE", "HALYX_BOOTLOADER_TYPE_MCUBOOT",
+                                                      "HALYX_BOOTLOADER_TYPE_SDFU", "HALYX_BOOTLOADER_TYPE_B0",
+                                                      "HALYX_BOOTLOADER_TYPE_UNKNOWN"};
 
 json identifiers(const halyx_version_identifier_t* list, size_t count, const char* part)
 {
@@ -81,8 +81,8 @@ json moduleJson(const halyx_module_version_t& module)
                 {"description", module.description != nullptr ? module.description : ""},
                 {"versionFormat", versionFormatName(module.version.format)},
                 {"version", versionValue(module.version)},
-                {"expectedVersion", module.expected_version != nullptr ? versionValue(*module.expected_version)
-                                                                       : json(nullptr)},
+                {"expectedVersion",
+                 module.expected_version != nullptr ? versionValue(*module.expected_version) : json(nullptr)},
                 {"dependencies", std::move(dependencies)}};
 }
 
@@ -91,12 +91,18 @@ json moduleJson(const halyx_module_version_t& module)
 std::string renderCoreInfo(const halyx_device_core_info_t* info, uint32_t format)
 {
     return renderRecord(info, "Device core info pointer is nullptr.", format, [](const auto& core) {
-        return json{{"codeAddress", core.codeAddress},         {"codePageSize", core.codePageSize},
-                    {"codeSize", core.codeSize},               {"uicrAddress", core.uicrAddress},
-                    {"infoPageSize", core.infoPageSize},       {"codeRamPresent", core.codeRamPresent},
-                    {"codeRamAddress", core.codeRamAddress},   {"dataRamAddress", core.dataRamAddress},
-                    {"ramSize", core.ramSize},                 {"qspiPresent", core.qspiPresent},
-                    {"xipAddress", core.xipAddress},           {"xipSize", core.xipSize},
+        return json{{"codeAddress", core.codeAddress},
+                    {"codePageSize", core.codePageSize},
+                    {"codeSize", core.codeSize},
+                    {"uicrAddress", core.uicrAddress},
+                    {"infoPageSize", core.infoPageSize},
+                    {"codeRamPresent", core.codeRamPresent},
+                    {"codeRamAddress", core.codeRamAddress},
+                    {"dataRamAddress", core.dataRamAddress},
+                    {"ramSize", core.ramSize},
+                    {"qspiPresent", core.qspiPresent},
+                    {"xipAddress", core.xipAddress},
+                    {"xipSize", core.xipSize},
                     {"pinResetPin", core.pinResetPin}};
     });
 }

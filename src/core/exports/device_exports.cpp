@@ -48,7 +48,8 @@ HALYX_API halyx_errorcode_t halyx_set_filter(halyx_context* context, const char*
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         if (count > 0 && traits == nullptr) {
-            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "halyx_set_filter: 'traits' cannot be NULL when count > 0");
+            throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
+                                 "halyx_set_filter: 'traits' cannot be NULL when count > 0");
         }
         std::vector<std::string> names;
         for (size_t i = 0; i < count; ++i) {
@@ -70,8 +71,8 @@ HALYX_API halyx_errorcode_t halyx_reset_filter(halyx_context* context)
     });
 }
 
-HALYX_API halyx_errorcode_t halyx_register_device_event(halyx_context* context,
-                                                        halyx_device_event_callback_t callback, void* user_data)
+HALYX_API halyx_errorcode_t halyx_register_device_event(halyx_context* context, halyx_device_event_callback_t callback,
+                                                        void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         HALYX::requireArgument(callback, "halyx_register_device_event", "callback");

@@ -60,8 +60,7 @@ HALYX_API halyx_errorcode_t halyx_util_version_list_as_document(halyx_context* c
 }
 
 HALYX_API halyx_errorcode_t halyx_device_firmware_images_as_document(
-    halyx_context* context, uint32_t format, const halyx_firmware_device_firmware_images_t* images,
-    char** document)
+    halyx_context* context, uint32_t format, const halyx_firmware_device_firmware_images_t* images, char** document)
 {
     return renderDocument(context, format, images, document, HALYX::Documents::renderFirmwareImages,
                           "halyx_device_firmware_images_as_document");

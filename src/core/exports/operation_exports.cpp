@@ -26,8 +26,8 @@ std::optional<uint32_t> coreFrom(const halyx_device_core_t* core)
     return core != nullptr ? std::optional<uint32_t>(static_cast<uint32_t>(*core)) : std::nullopt;
 }
 
-DispatchRequest request(const char* operation, uint32_t device_id, uint64_t* task_id,
-                        const halyx_device_core_t* core, halyx_complete_callback_t complete, void* user_data)
+DispatchRequest request(const char* operation, uint32_t device_id, uint64_t* task_id, const halyx_device_core_t* core,
+                        halyx_complete_callback_t complete, void* user_data)
 {
     DispatchRequest r;
     r.deviceId = device_id;
@@ -64,9 +64,11 @@ HALYX_API halyx_errorcode_t halyx_fw_program(halyx_context* context, uint32_t de
             options.recoverBeforeProgram = optionals->recover_before_program;
             r.mcuEndState = optionalFrom(optionals->mcu_end_state);
         }
-        HALYX::dispatch(ctx, std::move(r),
-                        [image = std::move(image), options](PluginApi& plugin, const std::string& device,
-                                                            Operation& op) { plugin.program(device, image, options, op); });
+        HALYX::dispatch(
+            ctx, std::move(r),
+            [image = std::move(image), options](PluginApi& plugin, const std::string& device, Operation& op) {
+                plugin.program(device, image, options, op);
+            });
         return HALYX_SUCCESS;
     });
 }
@@ -93,26 +95,27 @@ HALYX_API halyx_errorcode_t halyx_fw_read(halyx_context* context, uint32_t devic
 
 HALYX_API halyx_errorcode_t halyx_fw_read_info(halyx_context* context, uint64_t* task_id, uint32_t device_id,
                                                const halyx_mcu_state_t* mcu_end_state,
-                                               halyx_fw_read_info_callback_t result,
-                                               halyx_complete_callback_t complete, void* user_data)
+                                               halyx_fw_read_info_callback_t result, halyx_complete_callback_t complete,
+                                               void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         auto r = request("fw_read_info", device_id, task_id, nullptr, complete, user_data);
         r.mcuEndState = optionalFrom(mcu_end_state);
-        HALYX::dispatch(ctx, std::move(r), [result, user_data](PluginApi& plugin, const std::string& device, Operation& op) {
-            const auto images = plugin.readFwInfo(device, op);
-            if (result == nullptr) {
-                return;
-            }
-            std::vector<halyx_image_info_t> infos;
-            infos.reserve(images.size());
-            for (const auto& image : images) {
-                infos.push_back(halyx_image_info_t{image.imageType, image.imageLocation, image.address, image.size,
-                                                   image.bootloaderType,
-                                                   image.version ? image.version->c_str() : nullptr});
-            }
-            result(op.context(), halyx_firmware_device_firmware_images_t{infos.data(), infos.size()}, user_data);
-        });
+        HALYX::dispatch(
+            ctx, std::move(r), [result, user_data](PluginApi& plugin, const std::string& device, Operation& op) {
+                const auto images = plugin.readFwInfo(device, op);
+                if (result == nullptr) {
+                    return;
+                }
+                std::vector<halyx_image_info_t> infos;
+                infos.reserve(images.size());
+                for (const auto& image : images) {
+                    infos.push_back(halyx_image_info_t{image.imageType, image.imageLocation, image.address, image.size,
+                                                       image.bootloaderType,
+                                                       image.version ? image.version->c_str() : nullptr});
+                }
+                result(op.context(), halyx_firmware_device_firmware_images_t{infos.data(), infos.size()}, user_data);
+            });
         return HALYX_SUCCESS;
     });
 }
@@ -131,9 +134,8 @@ HALYX_API halyx_errorcode_t halyx_fw_verify(halyx_context* context, uint32_t dev
     });
 }
 
-HALYX_API halyx_errorcode_t halyx_fw_erase(halyx_context* context, uint32_t device_id,
-                                           const halyx_device_core_t* core, uint64_t* task_id,
-                                           halyx_complete_callback_t complete, void* user_data)
+HALYX_API halyx_errorcode_t halyx_fw_erase(halyx_context* context, uint32_t device_id, const halyx_device_core_t* core,
+                                           uint64_t* task_id, halyx_complete_callback_t complete, void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         HALYX::dispatch(ctx, request("erase", device_id, task_id, core, complete, user_data),
@@ -153,13 +155,14 @@ HALYX_API halyx_errorcode_t halyx_device_control_reset(halyx_context* context, u
     });
 }
 
-HALYX_API halyx_errorcode_t halyx_device_control_recover(halyx_context* context, uint64_t* task_id,
-                                                         uint32_t device_id, const halyx_device_core_t* core,
+HALYX_API halyx_errorcode_t halyx_device_control_recover(halyx_context* context, uint64_t* task_id, uint32_t device_id,
+                                                         const halyx_device_core_t* core,
                                                          halyx_complete_callback_t complete, void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
-        HALYX::dispatch(ctx, request("recover", device_id, task_id, core, complete, user_data),
-                        [](PluginApi& plugin, const std::string& device, Operation& op) { plugin.recover(device, op); });
+        HALYX::dispatch(
+            ctx, request("recover", device_id, task_id, core, complete, user_data),
+            [](PluginApi& plugin, const std::string& device, Operation& op) { plugin.recover(device, op); });
         return HALYX_SUCCESS;
     });
 }
@@ -224,16 +227,15 @@ HALYX_API halyx_errorcode_t halyx_get_device_core_info(halyx_context* context, u
     });
 }
 
-HALYX_API halyx_errorcode_t halyx_read_register(halyx_context* context, uint32_t device_id,
-                                                const char* register_path, halyx_register_callback_t result,
-                                                uint64_t* task_id, halyx_complete_callback_t complete,
-                                                void* user_data)
+HALYX_API halyx_errorcode_t halyx_read_register(halyx_context* context, uint32_t device_id, const char* register_path,
+                                                halyx_register_callback_t result, uint64_t* task_id,
+                                                halyx_complete_callback_t complete, void* user_data)
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         HALYX::requireArgument(register_path, "read_register", "register_path");
         HALYX::dispatch(ctx, request("read_register", device_id, task_id, nullptr, complete, user_data),
-                        [path = std::string(register_path), result, user_data](PluginApi& plugin,
-                                                                              const std::string& device, Operation& op) {
+                        [path = std::string(register_path), result,
+                         user_data](PluginApi& plugin, const std::string& device, Operation& op) {
                             const auto value = plugin.readRegister(device, path, op);
                             if (result != nullptr) {
                                 result(op.context(), op.taskId(), value.c_str(), user_data);

@@ -12,7 +12,9 @@ namespace {
 
 // Any function of the core lives in the same file as halyx_create_context:
 // the core is linked into libhalyx.so (or into the program that embeds it).
-void anchor() {}
+void anchor()
+{
+}
 
 } // namespace
 

@@ -18,7 +18,7 @@
 #include "platform/linux/usb_serial_ports.hpp"
 
 #ifndef HALYX_UDEV_RULES_PATH
-#define HALYX_UDEV_RULES_PATH "70-halyx.rules"
+#  define HALYX_UDEV_RULES_PATH "70-halyx.rules"
 #endif
 
 namespace HALYX::Linux {
@@ -245,9 +245,9 @@ std::optional<USBDevice> USBPlatformAPI::copyDeviceToUSB(libusb_device* device, 
         Log::warn("Unable to copy USB: no device descriptor for {} ({})", sysname, libusb_error_name(result));
         return std::nullopt;
     }
-    record.descriptor = USBDeviceDescriptor{d.bLength,         d.bDescriptorType, d.bcdUSB,         d.bDeviceClass,
-                                            d.bDeviceSubClass, d.bDeviceProtocol, d.bMaxPacketSize0, d.idVendor,
-                                            d.idProduct,       d.bcdDevice,       d.iManufacturer,   d.iProduct,
+    record.descriptor = USBDeviceDescriptor{d.bLength,         d.bDescriptorType,   d.bcdUSB,          d.bDeviceClass,
+                                            d.bDeviceSubClass, d.bDeviceProtocol,   d.bMaxPacketSize0, d.idVendor,
+                                            d.idProduct,       d.bcdDevice,         d.iManufacturer,   d.iProduct,
                                             d.iSerialNumber,   d.bNumConfigurations};
     record.manufacturer = sysattr(sysfs.get(), "manufacturer");
     record.product = sysattr(sysfs.get(), "product");
@@ -324,8 +324,8 @@ int USBPlatformAPI::controlTransfer(const USBDevice& device, uint8_t request_typ
         }
     }
     if (usb_device == nullptr) {
-        throw HALYXException(HALYX_ERR_NOT_FOUND, fmt::format("USB device {} is not attached (any more).",
-                                                              device.osDevicePath));
+        throw HALYXException(HALYX_ERR_NOT_FOUND,
+                             fmt::format("USB device {} is not attached (any more).", device.osDevicePath));
     }
     libusb_device_handle* handle = nullptr;
     int result = libusb_open(usb_device, &handle);
@@ -333,8 +333,7 @@ int USBPlatformAPI::controlTransfer(const USBDevice& device, uint8_t request_typ
     if (result == LIBUSB_ERROR_ACCESS) {
         Log::error("Permission denied opening USB device {} ({:04x}:{:04x}). Install the udev rules file {} "
                    "(see the README, section Permissions), then replug the device.",
-                   device.osDevicePath, device.descriptor.idVendor, device.descriptor.idProduct,
-                   HALYX_UDEV_RULES_PATH);
+                   device.osDevicePath, device.descriptor.idVendor, device.descriptor.idProduct, HALYX_UDEV_RULES_PATH);
         return result;
     }
     if (result != LIBUSB_SUCCESS) {
@@ -558,7 +557,8 @@ void USBPlatformAPI::handleArrival(Run& run, libusb_device* device, udev* contex
         }
         // A port's udev notice (or a stop) ends the wait; without a monitor,
         // only the time limit does.
-        pollfd watched[2] = {{run.wake, POLLIN, 0}, {monitor != nullptr ? udev_monitor_get_fd(monitor) : -1, POLLIN, 0}};
+        pollfd watched[2] = {{run.wake, POLLIN, 0},
+                             {monitor != nullptr ? udev_monitor_get_fd(monitor) : -1, POLLIN, 0}};
         ::poll(watched, 2, static_cast<int>(left));
         drainMonitor(monitor, port_events);
         nodes = portNodes(listUsbSerialPorts(context, syspath.c_str()));
@@ -647,8 +647,8 @@ void USBPlatformAPI::call(const DeviceCallback& callback, const USBDevice& devic
     try {
         target(device);
     } catch (const std::exception& e) {
-        Log::exception(spdlog::level::err, e, fmt::format("USB {} of {} could not be delivered:", what,
-                                                          device.usbIdentifier));
+        Log::exception(spdlog::level::err, e,
+                       fmt::format("USB {} of {} could not be delivered:", what, device.usbIdentifier));
     } catch (...) {
         Log::error("USB {} of {} could not be delivered: unknown error", what, device.usbIdentifier);
     }

@@ -59,7 +59,7 @@ private:
     struct Known {
         USBDevice identity;
         std::string syspath;
-        std::set<std::string> ports; // tty nodes already reported
+        std::set<std::string> ports;     // tty nodes already reported
         libusb_device* device = nullptr; // referenced
         uint64_t stamp = 0;              // when it was last seen
     };
@@ -79,8 +79,7 @@ private:
     void forgetAllBut(const std::set<BusAddress>& present, uint64_t listed);
     // Opens the device and sends one control transfer to its DFU-trigger
     // interface; the libusb result (bytes moved or an error).
-    int controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data,
-                        uint16_t length);
+    int controlTransfer(const USBDevice& device, uint8_t request_type, uint8_t request, uint8_t* data, uint16_t length);
 
     void run(Run& run);
     void handleArrival(Run& run, libusb_device* device, udev* context, udev_monitor* monitor,

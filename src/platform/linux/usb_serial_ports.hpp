@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/serial_port.hpp"
 #include "platform/linux/udev_handles.hpp"
+#include "platform/serial_port.hpp"
 
 namespace HALYX::Linux {
 

@@ -7,13 +7,13 @@
 
 static int failures = 0;
 
-#define CHECK(condition)                                                    \
-    do {                                                                    \
-        if (!(condition)) {                                                 \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
-            ++failures;                                                     \
-        }                                                                   \
-    } while (0)
+#define CHECK(condition)                                                                                               \
+  do {                                                                                                                 \
+    if (!(condition)) {                                                                                                \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition);                                    \
+      ++failures;                                                                                                      \
+    }                                                                                                                  \
+  } while (0)
 
 static unsigned log_lines = 0;
 
@@ -73,17 +73,16 @@ int main(void)
     CHECK(halyx_available_plugins(context, on_names, &called) == HALYX_SUCCESS && called);
     CHECK(halyx_get_version_list(context, &versions) == HALYX_SUCCESS);
     CHECK(versions != NULL && versions->count >= 1 && strcmp(versions->modules[0].module_name, "halyx") == 0);
-    CHECK(halyx_util_version_list_as_document(context, HALYX_DOC_FORMAT_JSON, versions, &document) ==
-          HALYX_SUCCESS);
+    CHECK(halyx_util_version_list_as_document(context, HALYX_DOC_FORMAT_JSON, versions, &document) == HALYX_SUCCESS);
     CHECK(document != NULL && strstr(document, "\"moduleName\":\"halyx\"") != NULL);
     CHECK(halyx_free_document(context, document) == HALYX_SUCCESS);
     CHECK(halyx_free_version_list(context, versions) == HALYX_SUCCESS);
     CHECK(halyx_get_version_list_as_document() == HALYX_ERR_NOT_SUPPORTED);
 
-    CHECK(halyx_fw_create_handle(&firmware, bytes, sizeof bytes, HALYX_FW_SOURCE_FILE,
-                                 HALYX_FW_FORMAT_BINARY) == HALYX_ERR_INVALID_ARGUMENT);
-    CHECK(halyx_fw_create_handle(&firmware, bytes, sizeof bytes, HALYX_FW_SOURCE_BUFFER,
-                                 HALYX_FW_FORMAT_BINARY) == HALYX_SUCCESS);
+    CHECK(halyx_fw_create_handle(&firmware, bytes, sizeof bytes, HALYX_FW_SOURCE_FILE, HALYX_FW_FORMAT_BINARY) ==
+          HALYX_ERR_INVALID_ARGUMENT);
+    CHECK(halyx_fw_create_handle(&firmware, bytes, sizeof bytes, HALYX_FW_SOURCE_BUFFER, HALYX_FW_FORMAT_BINARY) ==
+          HALYX_SUCCESS);
     CHECK(halyx_fw_release_handle(firmware) == HALYX_SUCCESS);
 
     /* Whatever is attached to this machine, a filtered list comes and goes. */

@@ -5,12 +5,12 @@
 #include <nlohmann/json.hpp>
 
 #include "core/firmware.hpp"
+#include "files.hpp"
 #include "image/firmware_loader.hpp"
 #include "image_report.hpp"
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/keil_hex_file.hpp"
 #include "mcuboot/multi_image_file.hpp"
-#include "files.hpp"
 
 namespace {
 
@@ -29,9 +29,9 @@ TEST(PackageAgreement, ImageInfoAndPackageReadersDecideEntriesAlike)
           {{"file", "net.img"}, {"image_index", 1}, {"load_address", 0x01000000}},
           {{"file", "text.bin"}, {"load_address", 0x02000000}}}},
         {"images",
-         {{"app.dat", {{"body", 300}, {"seed", 5}, {"hex", 0x8000}}},       // HEX text, neutral name
-          {"net.img", {{"body", 400}, {"seed", 6}}},                        // raw bytes, unknown name
-          {"text.bin", {{"body", 50}, {"seed", 7}, {"hex", 0x100}}}}},     // HEX text named .bin
+         {{"app.dat", {{"body", 300}, {"seed", 5}, {"hex", 0x8000}}},  // HEX text, neutral name
+          {"net.img", {{"body", 400}, {"seed", 6}}},                   // raw bytes, unknown name
+          {"text.bin", {{"body", 50}, {"seed", 7}, {"hex", 0x100}}}}}, // HEX text named .bin
     };
     const auto made = json::parse(halyx_test::runOk(
         fmt::format("{} {} package {} {}", halyx_test::python(),

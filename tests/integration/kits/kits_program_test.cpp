@@ -19,9 +19,9 @@
 
 namespace {
 
-using nlohmann::json;
 using HALYX::SIM::Testbed;
 using halyx_test::ProgramResult;
+using nlohmann::json;
 using namespace std::chrono_literals;
 
 struct ContextRelease {
@@ -37,9 +37,11 @@ Context hostContext(uint32_t response_ms)
     Context context(raw);
     const halyx_timeout_configuration_t timeouts{60000, 60, response_ms, 30000};
     EXPECT_EQ(halyx_set_timeout(raw, &timeouts), HALYX_SUCCESS);
-    EXPECT_EQ(halyx_set_configuration(
-                  raw, R"({"device_lister": [{"name": "mcuboot", "init_parameters": {"MCUBOOT_NETCORE_UPLOAD_WAIT_TIME": 0}}]})"),
-              HALYX_SUCCESS);
+    EXPECT_EQ(
+        halyx_set_configuration(
+            raw,
+            R"({"device_lister": [{"name": "mcuboot", "init_parameters": {"MCUBOOT_NETCORE_UPLOAD_WAIT_TIME": 0}}]})"),
+        HALYX_SUCCESS);
     return context;
 }
 

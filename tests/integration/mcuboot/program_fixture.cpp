@@ -16,13 +16,12 @@ std::vector<HALYX::event_object> SimulatedKitLister::enumerate()
         HALYX::event_object usb;
         usb.serialNumber = kit.serialNumber;
         usb.sectionName = "usb";
-        usb.sectionJson = nlohmann::json{{"busNumber", 1},
-                                         {"address", 7},
-                                         {"device",
-                                          {{"manufacturer", "Kelvane"},
-                                           {"product", kit.product},
-                                           {"serialNumber", kit.serialNumber}}}}
-                              .dump();
+        usb.sectionJson =
+            nlohmann::json{
+                {"busNumber", 1},
+                {"address", 7},
+                {"device", {{"manufacturer", "Kelvane"}, {"product", kit.product}, {"serialNumber", kit.serialNumber}}}}
+                .dump();
         usb.traits = kit.traits;
         usb.traits["usb"] = true;
         findings.push_back(usb);
@@ -113,8 +112,7 @@ void collectProgress(halyx_context*, uint64_t, const char* json, void* user_data
     auto& collected = *static_cast<Collected*>(user_data);
     std::lock_guard lock(collected.mutex);
     auto record = nlohmann::json::parse(json);
-    if (record.value("operation", "") == "upload_image" &&
-        ++collected.upload_reports == collected.cancel_after) {
+    if (record.value("operation", "") == "upload_image" && ++collected.upload_reports == collected.cancel_after) {
         halyx_cancel_async_task(collected.context, collected.task);
     }
     collected.result.progress.push_back(std::move(record));

@@ -25,8 +25,8 @@ class SimulatedKitLister : public HALYX::AsyncLister {
 public:
     struct Kit {
         std::string serialNumber;
-        std::string product;   // USB product string
-        std::string productId; // hex, as the serial-port lister writes it
+        std::string product;                           // USB product string
+        std::string productId;                         // hex, as the serial-port lister writes it
         HALYX::SIM::SmpSimulator* simulator = nullptr; // null: a kit without serial ports
         HALYX::Traits traits;
         std::string port; // a terminal of someone else's, when there is no simulator
@@ -66,8 +66,7 @@ public:
 
     // Programs and waits. cancel_after_reports > 0 cancels once that many
     // upload reports came in.
-    ProgramResult program(uint64_t device_id, const std::string& path, uint32_t format,
-                          int cancel_after_reports = 0);
+    ProgramResult program(uint64_t device_id, const std::string& path, uint32_t format, int cancel_after_reports = 0);
 
 private:
     halyx_context* context_ = nullptr;

@@ -83,7 +83,12 @@ TEST(McubootIdentify, MarksMcubootKitsAndTheCellularKit)
 // flash takes 8-byte write blocks, one that answers its parameter query with
 // a larger buffer, and the forgiving one of the cellular kit, which names
 // its limits in "smp_com".
-enum class Profile { Stock, Align8, Params, Permissive };
+enum class Profile {
+    Stock,
+    Align8,
+    Params,
+    Permissive
+};
 
 std::string nameOf(Profile profile)
 {
@@ -197,9 +202,10 @@ TEST_P(McubootProfiles, BinHexAndPackageLandByteForByte)
     EXPECT_EQ(hex_bytes, device_.image(1, 0));
 
     const auto zip = tempPath("package.zip");
-    const json layout{{"files", json::array({{{"file", "app.bin"}, {"image_index", 0}, {"load_address", 0}},
-                                           {{"file", "net.bin"}, {"image_index", 1}, {"load_address", 0x1000000}}})},
-                    {"images", {{"app.bin", {{"body", 70000}, {"seed", 3}}}, {"net.bin", {{"body", 9000}, {"seed", 4}}}}}};
+    const json layout{
+        {"files", json::array({{{"file", "app.bin"}, {"image_index", 0}, {"load_address", 0}},
+                               {{"file", "net.bin"}, {"image_index", 1}, {"load_address", 0x1000000}}})},
+        {"images", {{"app.bin", {{"body", 70000}, {"seed", 3}}}, {"net.bin", {{"body", 9000}, {"seed", 4}}}}}};
     const auto made = makeImage("package", zip, layout);
     result = program(harness, zip, HALYX_FW_FORMAT_ZIP);
     ASSERT_EQ(HALYX_SUCCESS, result.code) << result.message;
@@ -310,7 +316,7 @@ TEST(McubootProgram, ModemPackageGoesToTheModemGroup)
     EXPECT_TRUE(listed.at(kSerial).at("traits").at("modem"));
     const auto zip = tempPath("modem.zip");
     const json layout{{"files", json::array({{{"file", "modem.bin"}, {"image_index", 0}, {"load_address", 0x50000}}})},
-                    {"images", {{"modem.bin", {{"body", 50000}, {"seed", 6}}}}}};
+                      {"images", {{"modem.bin", {{"body", 50000}, {"seed", 6}}}}}};
     const auto made = makeImage("package", zip, layout);
     const auto result = harness.program(harness.idOf(kSerial), zip, HALYX_FW_FORMAT_MODEM_PACKAGE);
     ASSERT_EQ(HALYX_SUCCESS, result.code) << result.message;

@@ -11,14 +11,14 @@
 #include <nlohmann/json.hpp>
 
 #include "mcuboot/smp_requests.hpp"
-#include "mcuboot_outcome.hpp"
 #include "mcuboot/smp_uart_transport.hpp"
+#include "mcuboot_outcome.hpp"
 #include "smp_simulator.hpp"
 #include "smp_wire.hpp"
 
 using namespace HALYX::MCUBOOT;
-using halyx_test::outcome;
 using HALYX::SIM::SmpSimulator;
+using halyx_test::outcome;
 using namespace std::chrono_literals;
 
 namespace {
@@ -142,16 +142,18 @@ TEST(SmpUartTransport, MatchesBySequenceNumberAndReSendsUntilTimeout)
         device.answer(*request, {{"rc", 0}, {"off", 4}});
     });
     const auto result = outcome([&] {
-        transport.send(resetRequest(77), [&](const SmpPacket& p) { handled_seq = p.header().seq; }, 1000ms, 3000ms,
-                       1000ms);
+        transport.send(
+            resetRequest(77), [&](const SmpPacket& p) { handled_seq = p.header().seq; }, 1000ms, 3000ms, 1000ms);
     });
     responder.join();
     EXPECT_EQ(McuBootError::Ok, result);
     EXPECT_EQ(77, handled_seq);
 
     // Silence: the request goes out again after every wait until the budget is spent.
-    EXPECT_EQ(McuBootError::Timeout,
-              outcome([&] { transport.send(resetRequest(78), [](const SmpPacket&) {}, 100ms, 450ms, 500ms); }));
+    EXPECT_EQ(McuBootError::Timeout, outcome([&] {
+                  transport.send(
+                      resetRequest(78), [](const SmpPacket&) {}, 100ms, 450ms, 500ms);
+              }));
     int copies = 0;
     while (auto request = device.read(100ms)) {
         EXPECT_EQ(78, request->seq);
@@ -160,8 +162,10 @@ TEST(SmpUartTransport, MatchesBySequenceNumberAndReSendsUntilTimeout)
     EXPECT_GE(copies, 2);
 
     // A wait time below 1 ms returns once written; a failing handler fails the send.
-    EXPECT_EQ(McuBootError::Ok,
-              outcome([&] { transport.send(resetRequest(79), [](const SmpPacket&) {}, 0ms, 450ms, 500ms); }));
+    EXPECT_EQ(McuBootError::Ok, outcome([&] {
+                  transport.send(
+                      resetRequest(79), [](const SmpPacket&) {}, 0ms, 450ms, 500ms);
+              }));
     ASSERT_TRUE(device.read(2000ms));
     std::thread refuser([&] {
         const auto request = device.read(2000ms);
@@ -169,8 +173,8 @@ TEST(SmpUartTransport, MatchesBySequenceNumberAndReSendsUntilTimeout)
         device.answer(*request, {{"rc", 3}});
     });
     EXPECT_EQ(McuBootError::Invalid, outcome([&] {
-                  transport.send(resetRequest(80), [](const SmpPacket& p) { checkWriteResponse(p); }, 1000ms, 3000ms,
-                                 1000ms);
+                  transport.send(
+                      resetRequest(80), [](const SmpPacket& p) { checkWriteResponse(p); }, 1000ms, 3000ms, 1000ms);
               }));
     refuser.join();
     transport.close();
@@ -186,8 +190,10 @@ TEST(SmpUartTransport, UnplugEndsTheWait)
         ASSERT_TRUE(device.read(2000ms));
         device.unplug();
     });
-    const auto result =
-        outcome([&] { transport.send(resetRequest(5), [](const SmpPacket&) {}, 60000ms, 60000ms, 1000ms); });
+    const auto result = outcome([&] {
+        transport.send(
+            resetRequest(5), [](const SmpPacket&) {}, 60000ms, 60000ms, 1000ms);
+    });
     unplugger.join();
     EXPECT_EQ(McuBootError::UartReadError, result);
     transport.close();

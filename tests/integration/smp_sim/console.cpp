@@ -217,8 +217,8 @@ std::optional<Answer> Console::read(std::chrono::milliseconds timeout)
             text_.clear();
             return answer;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                               std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (fd_ < 0 || left.count() <= 0) {
             return std::nullopt;
         }

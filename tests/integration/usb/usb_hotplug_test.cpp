@@ -6,10 +6,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <future>
-#include <thread>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "halyx.h"
@@ -17,8 +17,8 @@
 
 namespace {
 
-using nlohmann::json;
 using HALYX::SIM::Testbed;
+using nlohmann::json;
 using namespace std::chrono_literals;
 
 struct Event {

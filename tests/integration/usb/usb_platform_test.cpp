@@ -13,23 +13,23 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
-#include <thread>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "devices/usb_lister.hpp"
 #include "halyx.h"
 #include "logger_capture.hpp"
 #include "platform/linux/usb_platform_api.hpp"
-#include "devices/usb_lister.hpp"
 #include "test_context.hpp"
 #include "testbed.hpp"
 
 namespace {
 
-using nlohmann::json;
 using HALYX::SIM::Testbed;
+using nlohmann::json;
 
 const HALYX::USBDevice* bySerial(const std::vector<HALYX::USBDevice>& devices, const std::string& serial)
 {
@@ -144,11 +144,11 @@ TEST(UsbPlatform, VendorRequestsAnsweredOrNotLeaveEnumerationGoing)
     ASSERT_NE(kit, nullptr);
     EXPECT_EQ(kit->at("usb").at("dfuTriggerVersion").at("semVer"), "1.6.2");
     EXPECT_EQ(kit->at("usb").at("dfuTriggerInfo"), (json{{"wAddress", 0x000F8000},
-                                                        {"wVersionMajor", 1},
-                                                        {"wVersionMinor", 6},
-                                                        {"wFirmwareId", 0x0052A6F1},
-                                                        {"wFlashSize", 0x00100000},
-                                                        {"wFlashPageSize", 0x1000}}));
+                                                         {"wVersionMajor", 1},
+                                                         {"wVersionMinor", 6},
+                                                         {"wFirmwareId", 0x0052A6F1},
+                                                         {"wFlashSize", 0x00100000},
+                                                         {"wFlashPageSize", 0x1000}}));
     EXPECT_EQ(kit->at("traits").at("kelvaneUsb"), true);
 
     for (const auto* serial : {"KV-OLD", "KV-MUTE"}) {

@@ -27,9 +27,8 @@ TEST(Boundary, ExceptionsBecomeCodesAndLastErrors)
     EXPECT_TRUE(log.waitFor(" HALYXException(50): Configuration must be a JSON object"));
 
     // A standard exception: code 1 and its what().
-    EXPECT_EQ(HALYX::guardedCall(context, [](halyx_context&) -> halyx_errorcode_t {
-                  throw std::length_error("vector too long");
-              }),
+    EXPECT_EQ(HALYX::guardedCall(
+                  context, [](halyx_context&) -> halyx_errorcode_t { throw std::length_error("vector too long"); }),
               HALYX_ERR_GENERAL);
     EXPECT_EQ(lastError(context).code, 1u);
     EXPECT_EQ(lastError(context).message, "vector too long");

@@ -70,8 +70,7 @@ TEST(Context, ConfigurationReachesTheNamedPluginOnly)
     b.initParameters = [&](const std::string& text) { received_b.push_back(text); };
     TestContext context({halyx_test::factory(a), halyx_test::factory(b)});
 
-    ASSERT_EQ(halyx_set_configuration(
-                  context, R"({"device_lister": [{"name": "a", "init_parameters": {"BAUD": 115200}},
+    ASSERT_EQ(halyx_set_configuration(context, R"({"device_lister": [{"name": "a", "init_parameters": {"BAUD": 115200}},
                                                  {"name": "nobody", "init_parameters": 1}]})"),
               HALYX_SUCCESS);
     ASSERT_EQ(received_a.size(), 1u);
@@ -80,8 +79,7 @@ TEST(Context, ConfigurationReachesTheNamedPluginOnly)
 
     // A "device_lister" that is not an array is the JSON library's type error.
     EXPECT_EQ(halyx_set_configuration(context, R"({"device_lister": {"name": "a"}})"), HALYX_ERR_GENERAL);
-    EXPECT_NE(lastError(context).message.find("type must be array"), std::string::npos)
-        << lastError(context).message;
+    EXPECT_NE(lastError(context).message.find("type must be array"), std::string::npos) << lastError(context).message;
 }
 
 TEST(Context, PluginsAndTraitsAreWhatIsRegistered)

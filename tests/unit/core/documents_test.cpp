@@ -5,9 +5,9 @@
 #include "devices/device_view.hpp"
 #include "test_context.hpp"
 
-using nlohmann::json;
 using halyx_test::lastError;
 using halyx_test::TestContext;
+using nlohmann::json;
 
 namespace {
 
@@ -112,8 +112,7 @@ TEST(Documents, RefusedFormatsAndNullInputs)
     // Only what this context handed out can be freed, and only once.
     char foreign[] = "not ours";
     EXPECT_EQ(halyx_free_document(context, foreign), HALYX_ERR_UNKNOWN_HANDLE);
-    ASSERT_EQ(halyx_util_device_as_document(context, HALYX_DOC_FORMAT_JSON, list.get()->devices, &text),
-              HALYX_SUCCESS);
+    ASSERT_EQ(halyx_util_device_as_document(context, HALYX_DOC_FORMAT_JSON, list.get()->devices, &text), HALYX_SUCCESS);
     EXPECT_EQ(halyx_free_document(context, text), HALYX_SUCCESS);
     EXPECT_EQ(halyx_free_document(context, text), HALYX_ERR_UNKNOWN_HANDLE);
     EXPECT_EQ(halyx_free_document(context, nullptr), HALYX_SUCCESS);
@@ -154,8 +153,8 @@ TEST(Documents, CallerBuiltRecordsThatClaimMoreThanTheyHold)
 TEST(Documents, CoreInfoAndFirmwareImages)
 {
     TestContext context;
-    halyx_device_core_info_t info{0, 4096, 1048576, 0x10001000, 4096, true, 0x00800000, 0x20000000, 262144,
-                                  false,  0x12000000, 0x8000000, 18};
+    halyx_device_core_info_t info{0,          4096,   1048576, 0x10001000, 4096,      true, 0x00800000,
+                                  0x20000000, 262144, false,   0x12000000, 0x8000000, 18};
     char* text = nullptr;
     ASSERT_EQ(halyx_util_device_core_info_as_document(context, HALYX_DOC_FORMAT_JSON, &info, &text), HALYX_SUCCESS);
     const auto core = json::parse(text);

@@ -21,10 +21,10 @@ TEST(Logging, NothingIsDeliveredBeforeALevelIsSet)
 {
     TestContext context;
     std::atomic<int> delivered{0};
-    ASSERT_EQ(halyx_register_log_event(
-                  context, [](uint32_t, const char*, void* count) { ++*static_cast<std::atomic<int>*>(count); },
-                  &delivered),
-              HALYX_SUCCESS);
+    ASSERT_EQ(
+        halyx_register_log_event(
+            context, [](uint32_t, const char*, void* count) { ++*static_cast<std::atomic<int>*>(count); }, &delivered),
+        HALYX_SUCCESS);
     HALYX::Log::critical("should not be seen");
     halyx_set_configuration(context, "[]"); // logs its failure at error level
     std::this_thread::sleep_for(50ms);

@@ -50,9 +50,8 @@ TEST(Tasks, OutcomeTextsByWhatEndedTheWork)
     const auto halyx = tasks.add([](operation_call_wrapper_t&) -> halyx_errorcode_t {
         throw HALYX::HALYXException(HALYX_ERR_PROTOCOL, "requestCrc protocol error");
     });
-    const auto standard = tasks.add([](operation_call_wrapper_t&) -> halyx_errorcode_t {
-        throw std::runtime_error("boom");
-    });
+    const auto standard =
+        tasks.add([](operation_call_wrapper_t&) -> halyx_errorcode_t { throw std::runtime_error("boom"); });
     const auto other = tasks.add([](operation_call_wrapper_t&) -> halyx_errorcode_t { throw 7; });
     const auto returned = tasks.add([](operation_call_wrapper_t&) { return HALYX_ERR_ARCHIVE; });
 

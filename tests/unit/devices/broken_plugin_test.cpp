@@ -98,7 +98,8 @@ TEST(BrokenPlugin, DevicesWithoutUsbAreUntouchedAndDevicesMustBeAnArray)
     json wrong{{"devices", json::object()}};
     HALYX::BrokenPlugin plugin;
     try {
-        plugin.enumerate(wrong, [](uint64_t) {}, [](const HALYX::event_object&) {});
+        plugin.enumerate(
+            wrong, [](uint64_t) {}, [](const HALYX::event_object&) {});
         FAIL() << "no error for a devices object";
     } catch (const json::type_error& e) {
         EXPECT_NE(std::string(e.what()).find("type must be array, but is object"), std::string::npos);

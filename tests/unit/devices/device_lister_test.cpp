@@ -11,11 +11,11 @@
 #include "test_context.hpp"
 
 using namespace std::chrono_literals;
-using nlohmann::json;
 using halyx_test::finding;
 using halyx_test::lastError;
 using halyx_test::LogCapture;
 using halyx_test::TestContext;
+using nlohmann::json;
 
 namespace {
 
@@ -24,8 +24,8 @@ HALYX::event_object portsOf(std::string serial_number, std::vector<std::string> 
 {
     json ports = json::array();
     for (size_t i = 0; i < com_names.size(); ++i) {
-        ports.push_back({{"comName", com_names[i]}, {"serialNumber", serial_number}, {"manufacturer", nullptr},
-                         {"vcom", i}});
+        ports.push_back(
+            {{"comName", com_names[i]}, {"serialNumber", serial_number}, {"manufacturer", nullptr}, {"vcom", i}});
     }
     return finding(std::move(serial_number), {{"serialPorts", true}}, "serialPorts", ports.dump());
 }
@@ -332,7 +332,8 @@ TEST(DeviceLister, ConcurrentUse)
                 for (uint32_t id = 1; id < 20; ++id) {
                     halyx_device_t* device = nullptr;
                     const auto code = halyx_get_device(context, id, &device);
-                    EXPECT_TRUE(code == HALYX_SUCCESS || code == HALYX_ERR_NOT_FOUND || code == HALYX_ERR_UNKNOWN_HANDLE)
+                    EXPECT_TRUE(code == HALYX_SUCCESS || code == HALYX_ERR_NOT_FOUND ||
+                                code == HALYX_ERR_UNKNOWN_HANDLE)
                         << code;
                     if (code == HALYX_SUCCESS) {
                         char* text = nullptr;

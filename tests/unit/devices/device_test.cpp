@@ -5,9 +5,9 @@
 #include "devices/device.hpp"
 #include "devices/device_view.hpp"
 
-using nlohmann::json;
 using HALYX::Device;
 using HALYX::SerialPort;
+using nlohmann::json;
 
 TEST(DeviceRecord, MinimalDocument)
 {

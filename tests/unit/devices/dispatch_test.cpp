@@ -1,11 +1,11 @@
 // Device operations: plugin choice, task creation, callbacks and firmware handles.
 #include <atomic>
-#include <condition_variable>
-#include <cstring>
-#include <fstream>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -19,10 +19,10 @@
 #include "test_context.hpp"
 
 using namespace std::chrono_literals;
-using nlohmann::json;
 using halyx_test::finding;
 using halyx_test::lastError;
 using halyx_test::TestContext;
+using nlohmann::json;
 
 namespace {
 
@@ -114,11 +114,12 @@ TEST(Dispatch, DefaultSlotsReportTheirOwnMessages)
          "verify operation not supported"},
         {[&](uint64_t* t) { return halyx_device_control_reset(ctx, 1, nullptr, t, done, user); },
          "reset operation not supported"},
-        {[&](uint64_t* t) { return halyx_fw_erase(ctx, 1, nullptr, t, done, user); },
-         "erase operation not supported"},
+        {[&](uint64_t* t) { return halyx_fw_erase(ctx, 1, nullptr, t, done, user); }, "erase operation not supported"},
         {[&](uint64_t* t) { return halyx_fw_read_info(ctx, t, 1, nullptr, nullptr, done, user); },
          "Read FW Info not supported for this device."},
-        {[&](uint64_t* t) { return halyx_fw_read(ctx, 1, firmware, t, nullptr, nullptr, nullptr, nullptr, done, user); },
+        {[&](uint64_t* t) {
+             return halyx_fw_read(ctx, 1, firmware, t, nullptr, nullptr, nullptr, nullptr, done, user);
+         },
          "Read FW not supported for this device."},
         {[&](uint64_t* t) { return halyx_read_register(ctx, 1, "APPLICATION.UICR.APPROTECT", nullptr, t, done, user); },
          "Read register not supported for this device."},
@@ -241,11 +242,12 @@ TEST(Dispatch, ResultsReachTheirCallbacksAndCancellationTheOperation)
 
     static uint32_t code_size = 0;
     const halyx_device_core_t core = HALYX_DEVICE_CORE_NETWORK;
-    ASSERT_EQ(halyx_get_device_core_info(
-                  *context, 1, &core,
-                  [](halyx_context*, uint64_t, const halyx_device_core_info_t* info, void*) { code_size = info->codeSize; },
-                  &task, Completion::complete, &completion),
-              HALYX_SUCCESS);
+    ASSERT_EQ(
+        halyx_get_device_core_info(
+            *context, 1, &core,
+            [](halyx_context*, uint64_t, const halyx_device_core_info_t* info, void*) { code_size = info->codeSize; },
+            &task, Completion::complete, &completion),
+        HALYX_SUCCESS);
     EXPECT_EQ(halyx_wait_async_task_complete(*context, task), HALYX_SUCCESS);
     EXPECT_EQ(code_size, 0x40000u);
 
@@ -280,11 +282,11 @@ TEST(Dispatch, FirmwareHandleChecks)
     const auto path = halyx_test::tempPath("dispatch.hex");
     halyx_test::writeText(path, ":00000001FF\n");
 
-    EXPECT_EQ(halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 3,
-                                     HALYX_FW_SOURCE_FILE, HALYX_FW_FORMAT_INTEL_HEX),
+    EXPECT_EQ(halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 3, HALYX_FW_SOURCE_FILE,
+                                     HALYX_FW_FORMAT_INTEL_HEX),
               HALYX_ERR_INVALID_ARGUMENT);
-    ASSERT_EQ(halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 0,
-                                     HALYX_FW_SOURCE_FILE, HALYX_FW_FORMAT_INTEL_HEX),
+    ASSERT_EQ(halyx_fw_create_handle(&firmware, reinterpret_cast<const uint8_t*>(path.c_str()), 0, HALYX_FW_SOURCE_FILE,
+                                     HALYX_FW_FORMAT_INTEL_HEX),
               HALYX_SUCCESS);
     EXPECT_EQ(firmware->data, path);
     EXPECT_EQ(halyx_fw_release_handle(firmware), HALYX_SUCCESS);
@@ -301,8 +303,7 @@ TEST(Dispatch, FirmwareHandleChecks)
         HALYX::createFirmware(reinterpret_cast<const uint8_t*>(directory.c_str()), 0, HALYX_FW_SOURCE_FILE, 0);
         ADD_FAILURE() << "a directory was accepted";
     } catch (const HALYX::HALYXException& e) {
-        EXPECT_EQ(std::string(e.what()).rfind("Other error when trying to open file: " + directory, 0), 0u)
-            << e.what();
+        EXPECT_EQ(std::string(e.what()).rfind("Other error when trying to open file: " + directory, 0), 0u) << e.what();
     }
     EXPECT_EQ(halyx_fw_create_handle(&firmware, nullptr, 0, HALYX_FW_SOURCE_BUFFER, 0), HALYX_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(halyx_fw_create_handle(nullptr, reinterpret_cast<const uint8_t*>("x"), 1, 1, 0),

@@ -8,8 +8,8 @@
 
 namespace {
 
-using nlohmann::json;
 using HALYX::SerialPort;
+using nlohmann::json;
 
 class FakePorts final : public HALYX::SerialPortListerHW {
 public:
@@ -70,8 +70,7 @@ TEST(SerialPortLister, PortsJoinTheirDeviceBySerialNumberOrUsbIdentifierInVcomOr
 {
     const auto run = enumerate(
         {
-            port("/dev/ttyACM1", "KV1", "1-1", 1),
-            port("/dev/ttyACM0", "KV1", "1-1", 0),
+            port("/dev/ttyACM1", "KV1", "1-1", 1), port("/dev/ttyACM0", "KV1", "1-1", 0),
             port("/dev/ttyACM5", std::nullopt, "1-2", 0), // no USB serial number
             port("/dev/ttyACM7", "KV9", "1-7", 0),        // its device is not in this document
         },
@@ -118,7 +117,8 @@ TEST(SerialPortLister, DevicesMustBeAnArray)
     json document{{"devices", "none"}};
     HALYX::SerialPortLister lister(std::make_shared<FakePorts>(std::vector<SerialPort>{}));
     try {
-        lister.enumerate(document, [](uint64_t) {}, [](const HALYX::event_object&) {});
+        lister.enumerate(
+            document, [](uint64_t) {}, [](const HALYX::event_object&) {});
         FAIL() << "no error for a devices string";
     } catch (const json::type_error& e) {
         EXPECT_NE(std::string(e.what()).find("type must be array, but is string"), std::string::npos);

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "image/binary_image.hpp"
 #include "files.hpp"
+#include "image/binary_image.hpp"
 
 namespace HALYX {
 namespace {

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "image/binary_image.hpp"
 #include "files.hpp"
+#include "image/binary_image.hpp"
 
 namespace HALYX {
 namespace {
@@ -55,8 +55,9 @@ TEST_F(ElfLoader, LoadsWhatObjcopyWouldWrite)
     const auto image = BinaryImage::fromElfFile(elf());
     const auto hex = file("fw.hex");
     runOk(fmt::format("arm-none-eabi-objcopy -O ihex {} {}", shellQuote(elf().string()), shellQuote(hex.string())));
-    const auto oracle = nlohmann::json::parse(runOk(halyx_test::python() + " " + shellQuote(dataFile("image/hex_oracle.py")) +
-                                                    " dump " + shellQuote(hex.string())));
+    const auto oracle =
+        nlohmann::json::parse(runOk(halyx_test::python() + " " + shellQuote(dataFile("image/hex_oracle.py")) +
+                                    " dump " + shellQuote(hex.string())));
     const auto segments = image.segments();
     ASSERT_EQ(segments.size(), oracle["segments"].size());
     for (size_t i = 0; i < segments.size(); ++i) {

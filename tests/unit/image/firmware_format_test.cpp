@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "core/halyx_exception.hpp"
+#include "files.hpp"
 #include "image/binary_image.hpp"
 #include "image/firmware_format.hpp"
-#include "files.hpp"
 
 namespace HALYX {
 namespace {
@@ -16,7 +16,8 @@ Bytes bytes(std::string_view text)
 }
 
 const Bytes kHex = bytes(":020000040000FA");
-const Bytes kElf = bytes("\x7f" "ELF\x01\x01");
+const Bytes kElf = bytes("\x7f"
+                         "ELF\x01\x01");
 const Bytes kZip = bytes("PK\x03\x04\x14\x00");
 const Bytes kRaw = {0x3d, 0xb8, 0xf3, 0x96, 0x00};
 
@@ -53,7 +54,10 @@ TEST(FirmwareFormat, NameDecidesBeforeContent)
 
 TEST(FirmwareFormat, RefusesWhatItCannotTell)
 {
-    for (const auto& head : {kRaw, Bytes{}, bytes("\x7f" "EL"), bytes(" :1000")}) {
+    for (const auto& head : {kRaw, Bytes{},
+                             bytes("\x7f"
+                                   "EL"),
+                             bytes(" :1000")}) {
         try {
             firmwareFormat("app.img", head);
             ADD_FAILURE() << "decided a format for " << head.size() << " bytes named app.img";

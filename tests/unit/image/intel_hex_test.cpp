@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "files.hpp"
 #include "image/binary_image.hpp"
 #include "image/intel_hex_reader.hpp"
-#include "files.hpp"
 
 namespace HALYX {
 namespace {
@@ -44,8 +44,8 @@ const std::string kEof = ":00000001FF";
 
 nlohmann::json oracleDump(const std::filesystem::path& file)
 {
-    return nlohmann::json::parse(runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " dump " +
-                                       shellQuote(file.string())));
+    return nlohmann::json::parse(
+        runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " dump " + shellQuote(file.string())));
 }
 
 std::string hexString(std::span<const uint8_t> bytes)
@@ -157,8 +157,8 @@ TEST(IntelHexReader, SkipsLinesThatAreNotRecords)
     const std::string data = record(0, 0x20, {0xAA, 0xBB});
     const auto plain = parse(data + "\n" + kEof + "\n");
     // Comments before, between and after the records, one looking like a record without its ':'.
-    const auto commented = parse("# built by a script\n" + data.substr(1) + "\n" + data + "\n; note\n" + kEof +
-                                 "\ntrailing text\n");
+    const auto commented =
+        parse("# built by a script\n" + data.substr(1) + "\n" + data + "\n; note\n" + kEof + "\ntrailing text\n");
     EXPECT_EQ(commented.segments().size(), 1u);
     EXPECT_EQ(commented.read(0x20, 2), plain.read(0x20, 2));
 
@@ -175,19 +175,20 @@ TEST(IntelHexReader, SkipsLinesThatAreNotRecords)
 
 TEST(IntelHexReader, AppliesAddressRecordsAndMergesRecords)
 {
-    const auto image = parse(record(2, 0, {0x12, 0x34}) + "\n" +           // base 0x12340
-                             record(0, 0x0010, {1, 2}) + "\n" +             // 0x12350
-                             record(0, 0x0012, {3}) + "\n" +                // continues it
-                             record(4, 0, {0x80, 0x01}) + "\n" +            // base 0x80010000
-                             record(0, 0xFFFF, {4, 5}) + "\n" +             // crosses into 0x80020000
-                             record(0, 0x0000, {6}) + "\n" +                // out of order: before it
+    const auto image = parse(record(2, 0, {0x12, 0x34}) + "\n" +             // base 0x12340
+                             record(0, 0x0010, {1, 2}) + "\n" +              // 0x12350
+                             record(0, 0x0012, {3}) + "\n" +                 // continues it
+                             record(4, 0, {0x80, 0x01}) + "\n" +             // base 0x80010000
+                             record(0, 0xFFFF, {4, 5}) + "\n" +              // crosses into 0x80020000
+                             record(0, 0x0000, {6}) + "\n" +                 // out of order: before it
                              record(3, 0, {0x00, 0x01, 0x23, 0x45}) + "\n" + // CS:IP
-                             record(5, 0, {1, 2}) + "\n" +                  // wrong length: ignored
+                             record(5, 0, {1, 2}) + "\n" +                   // wrong length: ignored
                              kEof);
     const auto segments = image.segments();
     ASSERT_EQ(segments.size(), 3u);
     EXPECT_EQ(segments[0].address, 0x12350u);
-    EXPECT_EQ(std::vector<uint8_t>(segments[0].bytes.begin(), segments[0].bytes.end()), (std::vector<uint8_t>{1, 2, 3}));
+    EXPECT_EQ(std::vector<uint8_t>(segments[0].bytes.begin(), segments[0].bytes.end()),
+              (std::vector<uint8_t>{1, 2, 3}));
     EXPECT_EQ(segments[1].address, 0x80010000u);
     EXPECT_EQ(segments[2].address, 0x8001FFFFu);
     EXPECT_EQ(image.read(0x8001FFFF, 2), (std::vector<uint8_t>{4, 5}));
@@ -244,7 +245,8 @@ TEST(IntelHexReader, ReadsSrecCatOutput)
     }
     halyx_test::writeBytes(dir / "p.bin", payload);
     // Default (04 records) and segmented (02/03 records) addressing.
-    for (const auto& [options, offset] : {std::pair{std::string(""), 0x1FFF8u}, std::pair{std::string("-address-length=3"), 0x2345u}}) {
+    for (const auto& [options, offset] :
+         {std::pair{std::string(""), 0x1FFF8u}, std::pair{std::string("-address-length=3"), 0x2345u}}) {
         const auto hex = dir / "p.hex";
         runOk(fmt::format("srec_cat {} -binary -offset {:#x} -execution-start-address={:#x} -o {} -intel {}",
                           shellQuote((dir / "p.bin").string()), offset, offset + 1, shellQuote(hex.string()), options));
@@ -262,8 +264,8 @@ TEST(IntelHexWriter, OutputReadsBackInEveryReader)
     halyx_test::TempDir dir;
     for (int seed = 1; seed <= 4; ++seed) {
         const auto source = dir / "in.hex";
-        runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " make " + shellQuote(source.string()) + " " +
-              std::to_string(seed));
+        runOk(python() + " " + shellQuote(dataFile("image/hex_oracle.py")) + " make " + shellQuote(source.string()) +
+              " " + std::to_string(seed));
         const auto image = BinaryImage::fromHexFile(source);
         const auto written = dir / "out.hex";
         image.save(written, "hex");

@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 
 #include "core/halyx_exception.hpp"
+#include "files.hpp"
 #include "image/firmware_loader.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
-#include "files.hpp"
 
 namespace HALYX {
 namespace {
@@ -58,16 +58,20 @@ TEST(ZipArchive, FindsTheFirstEntryThatContainsTheName)
     const auto folderFirst = ZipArchive::open(zipUp(dir, "folder-first.zip", "pkg/manifest.json manifest.json"));
     EXPECT_EQ(folderFirst.find("manifest.json"), 0u);
     EXPECT_EQ(text(folderFirst.read("manifest.json")), "in a folder");
-    EXPECT_EQ(text(ZipArchive::open(zipUp(dir, "root-first.zip", "manifest.json pkg/manifest.json")).read("manifest.json")),
-              "at the root");
+    EXPECT_EQ(
+        text(ZipArchive::open(zipUp(dir, "root-first.zip", "manifest.json pkg/manifest.json")).read("manifest.json")),
+        "at the root");
 
     const auto fromMemory = ZipArchive::fromBuffer(halyx_test::readBytes(folderOnly));
     EXPECT_EQ(text(fromMemory.read("manifest.json")), "in a folder");
 
     expectHalyxError([&] { ZipArchive::open(dir / "pkg/app.hex"); }, HALYX_ERR_OPEN_FAILED,
                      "unable to open zip file: " + (dir / "pkg/app.hex").string());
-    expectHalyxError([&] { ZipArchive::fromBuffer(Bytes{'P', 'K', 3, 4, 0}); }, HALYX_ERR_OPEN_FAILED,
-                     "unable to open zip file buffer");
+    expectHalyxError(
+        [&] {
+            ZipArchive::fromBuffer(Bytes{'P', 'K', 3, 4, 0});
+        },
+        HALYX_ERR_OPEN_FAILED, "unable to open zip file buffer");
 }
 
 TEST(ZipArchive, ReportsDamagedEntries)
@@ -134,7 +138,7 @@ TEST(FirmwareLoader, ReadsEveryFormatOfAHandle)
     halyx_test::writeText(dir / "fw/a.hex", hex);
     halyx_test::writeText(dir / "fw/b.bin", std::string(4, '\x09'));
     halyx_test::writeText(dir / "fw/manifest.json",
-                    R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": "0x12"}]})");
+                          R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": "0x12"}]})");
     const auto package = zipUp(dir, "p.zip", "fw/a.hex fw/b.bin fw/manifest.json");
     for (bool fromFile : {true, false}) {
         const auto image = loadFirmwareImage(firmware(
@@ -144,10 +148,16 @@ TEST(FirmwareLoader, ReadsEveryFormatOfAHandle)
     }
 
     halyx_test::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin"}]})");
-    expectHalyxError([&] { loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP, zipUp(dir, "q.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true)); },
-                     HALYX_ERR_MANIFEST, "load_address key missing");
-    halyx_test::writeText(dir / "fw/manifest.json", R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": 17}]})");
-    EXPECT_THROW(loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP, zipUp(dir, "r.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true)),
+    expectHalyxError(
+        [&] {
+            loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP,
+                                       zipUp(dir, "q.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true));
+        },
+        HALYX_ERR_MANIFEST, "load_address key missing");
+    halyx_test::writeText(dir / "fw/manifest.json",
+                          R"({"files": [{"file": "a.hex"}, {"file": "b.bin", "load_address": 17}]})");
+    EXPECT_THROW(loadFirmwareImage(firmware(HALYX_FW_FORMAT_ZIP,
+                                            zipUp(dir, "r.zip", "fw/a.hex fw/b.bin fw/manifest.json").string(), true)),
                  BinaryImage::memory_error);
     expectHalyxError([&] { loadFirmwareImage(firmware(HALYX_FW_FORMAT_MODEM_PACKAGE, package.string(), true)); },
                      HALYX_ERR_NOT_SUPPORTED,

@@ -3,24 +3,24 @@
 #include <nlohmann/json.hpp>
 
 #include "core/halyx_exception.hpp"
+#include "files.hpp"
 #include "mcuboot/binary_file.hpp"
 #include "mcuboot/keil_hex_file.hpp"
 #include "mcuboot/multi_image_file.hpp"
-#include "files.hpp"
 
 namespace HALYX::MCUBOOT {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using nlohmann::json;
 using halyx_test::shellQuote;
+using nlohmann::json;
 
 // Runs the image script; returns what it prints.
 json script(const std::string& command, const std::filesystem::path& out, const json& layout)
 {
     return json::parse(halyx_test::runOk(fmt::format("{} {} {} {} {}", halyx_test::python(),
-                                                      shellQuote(halyx_test::dataFile("image/make_mcuboot_image.py")),
-                                                      command, shellQuote(out.string()), shellQuote(layout.dump()))));
+                                                     shellQuote(halyx_test::dataFile("image/make_mcuboot_image.py")),
+                                                     command, shellQuote(out.string()), shellQuote(layout.dump()))));
 }
 
 Bytes fromHex(const std::string& hex)
@@ -104,13 +104,16 @@ TEST(McubootImage, RefusesDamagedHeadersAndTrailers)
         {{0x07, 0x69, 0x03, 0x00}, "Unable to parse TLV area: invalid size in TLV area header"},
         {{0x07, 0x69, 0x08, 0x00, 1, 2, 3}, "Unable to parse TLV area: remaining bytes are less than TLV area length"},
         {{0x07, 0x69, 0x04, 0x00}, "Image missing SHA256 hash in trailer"},
-        {{0x07, 0x69, 0x07, 0x00, 0x10, 0x00, 0x00}, "Unable to parse TLV entry: remaining bytes are less than TLV header size"},
+        {{0x07, 0x69, 0x07, 0x00, 0x10, 0x00, 0x00},
+         "Unable to parse TLV entry: remaining bytes are less than TLV header size"},
         {{0x07, 0x69, 0x09, 0x00, 0x10, 0x00, 0x02, 0x00, 0xAA},
          "Unable to parse TLV entry: remaining bytes are less than TLV length"},
         {{0x07, 0x69, 0x09, 0x00, 0x01, 0x00, 0x01, 0x00, 0xAA}, "Image missing SHA256 hash in trailer"},
         // The hash only counts in the last area.
-        {{0x08, 0x69, 0x08, 0x00, 0x10, 0x00, 0x00, 0x00, 0x07, 0x69, 0x04, 0x00}, "Image missing SHA256 hash in trailer"},
-        {{0x07, 0x69, 0x09, 0x00, 0x10, 0x00, 0x01, 0x00, 0xAA}, "Image SHA256 hash in trailer has 1 bytes instead of 32"},
+        {{0x08, 0x69, 0x08, 0x00, 0x10, 0x00, 0x00, 0x00, 0x07, 0x69, 0x04, 0x00},
+         "Image missing SHA256 hash in trailer"},
+        {{0x07, 0x69, 0x09, 0x00, 0x10, 0x00, 0x01, 0x00, 0xAA},
+         "Image SHA256 hash in trailer has 1 bytes instead of 32"},
     };
     for (const auto& [bytes, message] : trailers) {
         EXPECT_THROW(ImageTrailer::parse(bytes), std::invalid_argument) << message;
@@ -184,8 +187,14 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
     const auto path = dir / "package.zip";
     const json layout = {
         {"files",
-         {{{"file", "net.bin"}, {"image_index", "1"}, {"load_address", 0x01000000}, {"version_MCUBOOT", "1.0.0+0"},
-           {"slot_index_primary", "3"}, {"slot_index_secondary", "4"}, {"type", "application"}, {"board", "kit"},
+         {{{"file", "net.bin"},
+           {"image_index", "1"},
+           {"load_address", 0x01000000},
+           {"version_MCUBOOT", "1.0.0+0"},
+           {"slot_index_primary", "3"},
+           {"slot_index_secondary", "4"},
+           {"type", "application"},
+           {"board", "kit"},
            {"modtime", 1700000000}},
           {{"file", "app.hex"}, {"image_index", 0}},
           {{"file", "extra.bin"}}}},
@@ -214,7 +223,8 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
         EXPECT_EQ(images[1].loadAddress, 0x8000u); // from the HEX file itself
         EXPECT_FALSE(images[2].imageIndex);
         for (const auto& image : images) {
-            EXPECT_EQ(image.image->readAt(0, image.image->length()), fromHex(expected[image.file]["bytes"])) << image.file;
+            EXPECT_EQ(image.image->readAt(0, image.image->length()), fromHex(expected[image.file]["bytes"]))
+                << image.file;
             EXPECT_EQ(toHex(image.image->trailer()->sha256), expected[image.file]["sha256"].get<std::string>());
         }
     }

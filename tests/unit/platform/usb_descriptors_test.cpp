@@ -8,13 +8,13 @@
 namespace {
 
 const std::vector<uint8_t> kConfiguration{
-    9, 0x02, 0x30, 0x00, 2, 1, 0, 0x80, 50, //
-    9, 0x04, 0, 0, 1, 0x02, 0x02, 0x01, 0,  // CDC control
-    5, 0x24, 0x00, 0x10, 0x01,              // class-specific: skipped
-    7, 0x05, 0x81, 0x03, 16, 0, 10,         //
-    9, 0x04, 1, 0, 2, 0x0A, 0x00, 0x00, 0,  // CDC data
-    7, 0x05, 0x02, 0x02, 64, 0, 0,          //
-    7, 0x05, 0x82, 0x02, 0x00, 0x02, 0,     // wMaxPacketSize 512
+    9, 0x02, 0x30, 0x00, 2,    1,    0,    0x80, 50, //
+    9, 0x04, 0,    0,    1,    0x02, 0x02, 0x01, 0,  // CDC control
+    5, 0x24, 0x00, 0x10, 0x01,                       // class-specific: skipped
+    7, 0x05, 0x81, 0x03, 16,   0,    10,             //
+    9, 0x04, 1,    0,    2,    0x0A, 0x00, 0x00, 0,  // CDC data
+    7, 0x05, 0x02, 0x02, 64,   0,    0,              //
+    7, 0x05, 0x82, 0x02, 0x00, 0x02, 0,              // wMaxPacketSize 512
 };
 
 TEST(UsbDescriptors, TreeFollowsTheOrderOfTheDescriptors)
@@ -52,13 +52,13 @@ TEST(UsbDescriptors, MisplacedAndTruncatedDescriptorsAreSkipped)
 {
     halyx_test::LoggerCapture log;
     const std::vector<uint8_t> blob{
-        7, 0x05, 0x81, 0x03, 8, 0, 1,             // endpoint before any configuration
-        9, 0x04, 0, 0, 1, 0x02, 0x02, 0x01, 0,    // interface before any configuration
-        9, 0x02, 0x20, 0x00, 1, 1, 0, 0x80, 50,   //
-        7, 0x05, 0x82, 0x03, 8, 0, 1,             // endpoint before any interface
-        9, 0x04, 0, 0, 1, 0x0A, 0x00, 0x00, 0,    //
-        7, 0x05, 0x83, 0x02, 64, 0, 0,            //
-        9, 0x04, 1, 0,                            // truncated
+        7, 0x05, 0x81, 0x03, 8,  0,    1,              // endpoint before any configuration
+        9, 0x04, 0,    0,    1,  0x02, 0x02, 0x01, 0,  // interface before any configuration
+        9, 0x02, 0x20, 0x00, 1,  1,    0,    0x80, 50, //
+        7, 0x05, 0x82, 0x03, 8,  0,    1,              // endpoint before any interface
+        9, 0x04, 0,    0,    1,  0x0A, 0x00, 0x00, 0,  //
+        7, 0x05, 0x83, 0x02, 64, 0,    0,              //
+        9, 0x04, 1,    0,                              // truncated
     };
     const auto configurations = HALYX::walkConfigurationDescriptors(blob.data(), blob.size());
     ASSERT_EQ(configurations.size(), 1u);
@@ -76,8 +76,8 @@ TEST(UsbDescriptors, MisplacedAndTruncatedDescriptorsAreSkipped)
 
 TEST(UsbDescriptors, DeviceDescriptorAndSection)
 {
-    const std::vector<uint8_t> raw{18, 0x01, 0x00, 0x02, 0xEF, 0x02, 0x01, 64, 0x5C, 0x7A,
-                                   0x55, 0x10, 0x03, 0x02, 1, 2, 3, 1};
+    const std::vector<uint8_t> raw{18,   0x01, 0x00, 0x02, 0xEF, 0x02, 0x01, 64, 0x5C,
+                                   0x7A, 0x55, 0x10, 0x03, 0x02, 1,    2,    3,  1};
     HALYX::USBDevice device;
     ASSERT_TRUE(HALYX::parseDeviceDescriptor(raw.data(), raw.size(), device.descriptor));
     EXPECT_FALSE(HALYX::parseDeviceDescriptor(raw.data(), 17, device.descriptor));

@@ -73,8 +73,8 @@ TEST(DeviceUploadMap, KeysTypesAndShapesAsTheBulkDecoderTakesThem)
     EXPECT_FALSE(fields->offset || fields->data || fields->length || fields->image);
 
     // Indefinite-length maps and skipped indefinite strings are fine.
-    const std::vector<uint8_t> indefinite{0xBF, 0x63, 'o', 'f', 'f', 0x18, 0x40, 0x61, 'x',
-                                          0x7F, 0x61, 'a', 0x61, 'b', 0xFF, 0xFF};
+    const std::vector<uint8_t> indefinite{0xBF, 0x63, 'o',  'f', 'f',  0x18, 0x40, 0x61,
+                                          'x',  0x7F, 0x61, 'a', 0x61, 'b',  0xFF, 0xFF};
     fields = readUploadMap(indefinite);
     ASSERT_TRUE(fields);
     EXPECT_EQ(64u, fields->offset);
