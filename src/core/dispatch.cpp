@@ -37,16 +37,16 @@ void dispatch(halyx_context& context, DispatchRequest request, OperationBody bod
 
     request.callbacks.context = &context;
     const Operation::Environment environment{context.timeouts(), context.lister.get()};
-    // A plugin made for this operation follows device events while it works
-    // (its device may restart); the context's own plugins always do.
-    const bool fresh = !context.plugins.contains(plugin.get());
+    // A plugin made for this operation follows device events from now until
+    // it is done (its device may restart); the context's own plugins always do.
+    auto following = context.plugins.contains(plugin.get())
+                         ? nullptr
+                         : std::make_shared<PluginFollowers::Ticket>(context.lister->follow(plugin));
     uint64_t* const task_id_out = request.taskId;
-    *task_id_out =
-        context.tasks.add([request = std::move(request), device = std::move(device), plugin = std::move(plugin),
-                           body = std::move(body), environment, fresh,
-                           lister = context.lister.get()](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
+    *task_id_out = context.tasks.add(
+        [request = std::move(request), device = std::move(device), plugin = std::move(plugin), body = std::move(body),
+         environment, following = std::move(following)](ASYNC::operation_call_wrapper_t& task) -> halyx_errorcode_t {
             Operation operation(task, request.options, request.mcuEndState, request.callbacks, environment);
-            const auto following = fresh ? lister->follow(plugin) : PluginFollowers::Ticket();
             try {
                 operation.throwIfCancelled();
                 body(*plugin, device, operation);

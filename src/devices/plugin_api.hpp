@@ -40,6 +40,9 @@ public:
     PluginApi(const PluginApi&) = delete;
     PluginApi& operator=(const PluginApi&) = delete;
 
+    // A fresh plugin for one operation, or null to run operations on this
+    // one. An instance hears device events (onDeviceEvent, on the thread
+    // that reports them) while its operation runs.
     virtual std::unique_ptr<PluginApi> createInstance() const;
     virtual std::string getName() const = 0;
     virtual void setEventCallback(EventCallback callback);

@@ -2,6 +2,18 @@
 
 namespace halyx_test {
 
+std::unique_ptr<HALYX::PluginApi> ScriptedPlugin::createInstance() const
+{
+    return script_->instancePerOperation ? std::make_unique<ScriptedPlugin>(script_, true) : nullptr;
+}
+
+void ScriptedPlugin::setEventCallback(EventCallback callback)
+{
+    if (script_->eventCallback) {
+        script_->eventCallback(std::move(callback));
+    }
+}
+
 bool ScriptedPlugin::canHandle(const std::string& device, const std::string& operation,
                                const HALYX::OperationOptions& options) const
 {
@@ -20,8 +32,9 @@ void ScriptedPlugin::enumerate(nlohmann::json& document, const DeviceChanged& ch
 
 void ScriptedPlugin::onDeviceEvent(const std::string& device, uint32_t kind, const std::string&)
 {
-    if (script_->deviceEvent) {
-        script_->deviceEvent(device, kind);
+    const auto& hook = for_operation_ ? script_->operationDeviceEvent : script_->deviceEvent;
+    if (hook) {
+        hook(device, kind);
     }
 }
 

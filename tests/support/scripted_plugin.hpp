@@ -23,13 +23,24 @@ struct PluginScript {
     std::function<halyx_device_core_info_t(const std::string& device, HALYX::Operation&)> getCoreInfo;
     std::function<void(const std::string& parameters)> initParameters;
     std::function<void(const std::string& device, uint32_t kind)> deviceEvent;
+    // Each operation gets a fresh instance (which follows device events while it runs);
+    // operationDeviceEvent hears only such instances.
+    bool instancePerOperation = false;
+    std::function<void(const std::string& device, uint32_t kind)> operationDeviceEvent;
+    // Handed the callable through which the plugin may report a device of its own.
+    std::function<void(HALYX::PluginApi::EventCallback)> eventCallback;
 };
 
 class ScriptedPlugin final : public HALYX::PluginApi {
 public:
-    explicit ScriptedPlugin(std::shared_ptr<const PluginScript> script) : script_(std::move(script)) {}
+    explicit ScriptedPlugin(std::shared_ptr<const PluginScript> script, bool for_operation = false)
+        : script_(std::move(script)), for_operation_(for_operation)
+    {
+    }
 
+    std::unique_ptr<HALYX::PluginApi> createInstance() const override;
     std::string getName() const override { return script_->name; }
+    void setEventCallback(EventCallback callback) override;
     std::vector<std::string> getTraits() const override { return script_->traits; }
     bool canHandle(const std::string& device, const std::string& operation,
                    const HALYX::OperationOptions& options) const override;
@@ -45,6 +56,7 @@ public:
 
 private:
     std::shared_ptr<const PluginScript> script_;
+    const bool for_operation_;
 };
 
 HALYX::PluginRegistry::Factory factory(PluginScript script);

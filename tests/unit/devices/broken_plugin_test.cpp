@@ -95,6 +95,22 @@ TEST(BrokenPlugin, DevicesWithoutUsbAreUntouchedAndDevicesMustBeAnArray)
     const auto run = enumerate(json::array({plain}));
     EXPECT_EQ(run.document.at("devices")[0], plain);
 
+    // The section goes to the device of its id: without one, nothing is written.
+    auto nameless = usbDevice(1, R"(\\?\USB#VID_7A5C&PID_520F#0.01)", "x", 0x520F, 0x0300);
+    nameless.erase("id");
+    json document{{"devices", json::array({nameless})}};
+    HALYX::BrokenPlugin broken;
+    try {
+        broken.enumerate(
+            document, [](uint64_t) {}, [](const HALYX::event_object&) {});
+        FAIL() << "no error for a device without id";
+    } catch (const json::type_error& e) {
+        EXPECT_NE(std::string(e.what()).find("cannot use operator[] with a string argument with object"),
+                  std::string::npos)
+            << e.what();
+    }
+    EXPECT_EQ(document.at("devices")[0], nameless);
+
     json wrong{{"devices", json::object()}};
     HALYX::BrokenPlugin plugin;
     try {

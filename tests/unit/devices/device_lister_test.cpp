@@ -1,12 +1,16 @@
 // Enumeration, device copies, filters and hot-plug events through the C boundary.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <map>
 #include <mutex>
 #include <thread>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "core/halyx_exception.hpp"
 #include "scripted_plugin.hpp"
 #include "test_context.hpp"
 
@@ -389,4 +393,124 @@ TEST(DeviceLister, StoppingEventsWhileACallbackStartsAnOperation)
     }
     EXPECT_EQ(halyx_stop_eventhandler(context), HALYX_SUCCESS);
     EXPECT_EQ(state.code, HALYX_ERR_NO_MATCHING_TRAIT);
+}
+
+// A configuration is taken whole or not at all, and an element without
+// parameters leaves its plugin alone.
+TEST(DeviceLister, ConfigurationIsAllOrNothing)
+{
+    struct Applied {
+        std::mutex mutex;
+        std::map<std::string, std::vector<std::string>> texts;
+    };
+    auto applied = std::make_shared<Applied>();
+    auto plugin = [applied](const std::string& name) {
+        auto script = servesTraits(name, {name});
+        script.initParameters = [applied, name](const std::string& text) {
+            if (json::parse(text).value("bad", false)) {
+                throw HALYX::HALYXException(HALYX_ERR_INVALID_ARGUMENT, name + " refuses bad settings");
+            }
+            std::lock_guard lock(applied->mutex);
+            applied->texts[name].push_back(json::parse(text).dump());
+        };
+        return halyx_test::factory(script);
+    };
+    TestContext context({plugin("a"), plugin("b")});
+    const auto now = [&](const std::string& name) {
+        std::lock_guard lock(applied->mutex);
+        return applied->texts[name].empty() ? std::string() : applied->texts[name].back();
+    };
+
+    ASSERT_EQ(halyx_set_configuration(context, R"({"device_lister": [{"name": "a", "init_parameters": {"x": 1}},
+                                                                     {"name": "b", "init_parameters": {"y": 1}}]})"),
+              HALYX_SUCCESS);
+    EXPECT_EQ(now("a"), R"({"x":1})");
+    EXPECT_EQ(now("b"), R"({"y":1})");
+
+    ASSERT_EQ(halyx_set_configuration(context, R"({"device_lister": [{"name": "a"}, {"name": "nobody"}]})"),
+              HALYX_SUCCESS);
+    EXPECT_EQ(applied->texts["a"].size(), 1u); // not reset to its defaults
+
+    EXPECT_EQ(halyx_set_configuration(context, R"({"device_lister": [{"name": "a", "init_parameters": {"x": 2}},
+                                                                     {"name": "b", "init_parameters": {"bad": true}}]})"),
+              HALYX_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(lastError(context).message, "b refuses bad settings");
+    EXPECT_EQ(now("a"), R"({"x":1})"); // took {"x":2}, then its earlier settings back
+    EXPECT_EQ(now("b"), R"({"y":1})");
+
+    // A malformed entry touches no plugin.
+    EXPECT_NE(halyx_set_configuration(context, R"({"device_lister": [{"name": "a", "init_parameters": {"x": 3}},
+                                                                     {"init_parameters": {}}]})"),
+              HALYX_SUCCESS);
+    EXPECT_EQ(now("a"), R"({"x":1})");
+}
+
+// A plugin made for an operation follows device events while it runs (its
+// device may restart), and a plugin may report a device of its own.
+TEST(DeviceLister, PluginsFollowDevicesAndReportTheirOwn)
+{
+    struct Shared {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::vector<std::string> seen_by_operation;
+        HALYX::PluginApi::EventCallback report;
+        std::vector<std::string> arrived;
+    };
+    auto shared = std::make_shared<Shared>();
+    auto follower = servesTraits("follower", {"jlink"});
+    follower.instancePerOperation = true;
+    follower.canHandle = [](const std::string&, const std::string&) { return true; };
+    follower.eventCallback = [shared](HALYX::PluginApi::EventCallback report) {
+        std::lock_guard lock(shared->mutex);
+        shared->report = std::move(report);
+    };
+    follower.operationDeviceEvent = [shared](const std::string& device, uint32_t kind) {
+        std::lock_guard lock(shared->mutex);
+        if (kind == HALYX_DEVICE_EVENT_ARRIVED) {
+            shared->seen_by_operation.push_back(json::parse(device).at("serialNumber"));
+        }
+        shared->changed.notify_all();
+    };
+    // The erase waits until the device it works on comes back after a restart.
+    follower.erase = [shared](const std::string&, HALYX::Operation&) {
+        std::unique_lock lock(shared->mutex);
+        if (!shared->changed.wait_for(lock, 5s, [&] {
+                return std::count(shared->seen_by_operation.begin(), shared->seen_by_operation.end(), "P") >= 1;
+            })) {
+            throw HALYX::HALYXException(HALYX_ERR_TIMEOUT, "the device did not come back");
+        }
+    };
+    TestContext context({halyx_test::factory(follower)});
+    context.lister().setFindings({finding("P", {{"jlink", true}})});
+    halyx_device_list_t* list = nullptr;
+    ASSERT_EQ(halyx_enumerate(context, &list), HALYX_SUCCESS);
+    halyx_free_device_list(context, list);
+    ASSERT_EQ(halyx_register_device_event(
+                  context,
+                  [](halyx_context*, const halyx_device_event_t* event, void* user) {
+                      auto* s = static_cast<Shared*>(user);
+                      if (event->type == HALYX_DEVICE_EVENT_ARRIVED) {
+                          std::lock_guard lock(s->mutex);
+                          s->arrived.emplace_back(event->device->serial_number);
+                      }
+                  },
+                  shared.get()),
+              HALYX_SUCCESS);
+    ASSERT_EQ(halyx_start_eventhandler(context), HALYX_SUCCESS);
+
+    uint64_t task = 0;
+    ASSERT_EQ(halyx_fw_erase(context, 1, nullptr, &task, nullptr, nullptr), HALYX_SUCCESS);
+    context.lister().unplug(finding("P"));
+    context.lister().plug(finding("P", {{"jlink", true}}));
+    EXPECT_EQ(halyx_wait_async_task_complete(context, task), HALYX_SUCCESS);
+
+    HALYX::PluginApi::EventCallback report;
+    {
+        std::lock_guard lock(shared->mutex);
+        report = shared->report;
+    }
+    ASSERT_TRUE(report);
+    report(finding("OWN"));
+    std::lock_guard lock(shared->mutex);
+    EXPECT_NE(std::find(shared->arrived.begin(), shared->arrived.end(), "OWN"), shared->arrived.end());
 }

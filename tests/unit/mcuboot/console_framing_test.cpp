@@ -199,6 +199,36 @@ TEST(FrameReceiver, RestartsOnStartAndDropsUndecodablePackets)
     EXPECT_EQ(0u, receiver.pendingFrames());
 }
 
+// A device that streams without ever ending a line, or frames without ever
+// completing a packet, costs bounded memory; a good packet still gets through.
+TEST(FrameReceiver, HoldsBoundedMemoryAgainstEndlessInput)
+{
+    FrameReceiver receiver;
+    const auto good = joined(ConsoleFraming::encode(resetRequest(3), 500));
+    std::vector<uint8_t> endless{0x06, 0x09};
+    endless.resize(4096, 'A');
+    EXPECT_TRUE(receiver.feed(endless).empty());
+    endless.assign(4096, 'A');
+    for (int i = 0; i < 256; ++i) { // 1 MiB without a line end
+        EXPECT_TRUE(receiver.feed(endless).empty());
+        ASSERT_LE(receiver.bufferedBytes(), FrameReceiver::kMaxLine + endless.size());
+    }
+    EXPECT_EQ(1u, receiver.feed(good).size());
+
+    // Continuation lines keep coming: the frames held never exceed the
+    // largest packet the length field allows.
+    std::vector<uint8_t> line{0x04, 0x14};
+    line.resize(1002, 'A');
+    line.push_back('\n');
+    auto start = ConsoleFraming::encode(bigPacket(6, 60000), 1003);
+    EXPECT_TRUE(receiver.feed(start.frames[0]).empty());
+    for (int i = 0; i < 200; ++i) {
+        receiver.feed(line);
+        ASSERT_LE(receiver.pendingFrames(), FrameReceiver::kMaxPacketText / 1000 + 1);
+    }
+    EXPECT_EQ(1u, receiver.feed(good).size());
+}
+
 TEST(SerialSettings, RefusesValuesOutsideTheirRanges)
 {
     SerialSettings settings{"/dev/ttyACM0", 115200, 0, 0, 0, 8};
