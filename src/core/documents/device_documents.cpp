@@ -14,15 +14,8 @@ using nlohmann::json;
 // renderer refuses it the same way rather than reading past what it owns.
 void checkView(const halyx_device_t& device)
 {
-    if (device.trait_count > 0 && device.traits == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("device {} has trait_count {} but traits is NULL",
-                                                                     device.id, device.trait_count));
-    }
-    if (device.serial_port_count > 0 && device.serial_ports == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT,
-                             fmt::format("device {} has serial_port_count {} but serial_ports is NULL", device.id,
-                                         device.serial_port_count));
-    }
+    (void)itemsOf(device.traits, device.trait_count, fmt::format("device {}'s traits", device.id));
+    (void)itemsOf(device.serial_ports, device.serial_port_count, fmt::format("device {}'s serial_ports", device.id));
 }
 
 json deviceJson(const halyx_device_t& device)
@@ -39,8 +32,8 @@ std::string csvLine(const halyx_device_t& device)
 {
     checkView(device);
     std::string ports;
-    for (size_t i = 0; i < device.serial_port_count; ++i) {
-        const char* name = device.serial_ports[i].com_name;
+    for (const auto& port : itemsOf(device.serial_ports, device.serial_port_count, "serial_ports")) {
+        const char* name = port.com_name;
         if (name == nullptr) {
             continue;
         }
@@ -64,18 +57,16 @@ std::string renderDeviceList(const halyx_device_list_t* list, uint32_t format)
     if (list == nullptr) {
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "device_list must have a valid value");
     }
-    if (list->count > 0 && list->devices == nullptr) {
-        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, "device_list has a count but no devices");
-    }
+    const auto devices = itemsOf(list->devices, list->count, "device_list");
     switch (format) {
     case HALYX_DOC_FORMAT_JSON:
     case HALYX_DOC_FORMAT_JSON_PRETTY:
         return guardJson([&] {
-            json devices = json::array();
-            for (size_t i = 0; i < list->count; ++i) {
-                devices.push_back(deviceJson(list->devices[i]));
+            json documents = json::array();
+            for (const auto& device : devices) {
+                documents.push_back(deviceJson(device));
             }
-            return dump(json{{"devices", std::move(devices)}}, format);
+            return dump(json{{"devices", std::move(documents)}}, format);
         });
     case HALYX_DOC_FORMAT_CSV:
     case HALYX_DOC_FORMAT_CSV_WO_HEADER: {
@@ -83,8 +74,8 @@ std::string renderDeviceList(const halyx_device_list_t* list, uint32_t format)
         if (format == HALYX_DOC_FORMAT_CSV_WO_HEADER) {
             text = fmt::format("serialnumber{}serialports\n", ";");
         }
-        for (size_t i = 0; i < list->count; ++i) {
-            text += csvLine(list->devices[i]);
+        for (const auto& device : devices) {
+            text += csvLine(device);
         }
         return text;
     }

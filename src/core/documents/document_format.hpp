@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
+
+#include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
 
@@ -28,6 +32,17 @@ std::string guardJson(Render&& render)
     } catch (const nlohmann::json::exception& e) {
         throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, e.what());
     }
+}
+
+// The array a caller-built record points to with its count; a count without
+// an array is refused with 50, never read.
+template <typename T>
+std::span<const T> itemsOf(const T* items, size_t count, std::string_view what)
+{
+    if (count > 0 && items == nullptr) {
+        throw HALYXException(HALYX_ERR_INVALID_ARGUMENT, fmt::format("{} has {} entries but no array", what, count));
+    }
+    return {items, items != nullptr ? count : 0};
 }
 
 // A JSON document of a record the caller handed in: a null record is refused

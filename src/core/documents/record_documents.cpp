@@ -26,8 +26,7 @@ constexpr std::array<const char*, 5> kBootloaderTypes{"HALYX_BOOTLOADER_TYPE_NON
 json identifiers(const halyx_version_identifier_t* list, size_t count, const char* part)
 {
     json out = json::array();
-    for (size_t i = 0; i < count; ++i) {
-        const auto& identifier = list[i];
+    for (const auto& identifier : itemsOf(list, count, std::string("version ") + part)) {
         if (identifier.type == HALYX_VERSION_IDENTIFIER_STRING) {
             out.push_back(identifier.text != nullptr ? identifier.text : "");
         } else if (identifier.type == HALYX_VERSION_IDENTIFIER_NUMERIC) {
@@ -74,8 +73,8 @@ json versionValue(const halyx_version_t& version)
 json moduleJson(const halyx_module_version_t& module)
 {
     json dependencies = json::array();
-    for (size_t i = 0; module.dependencies != nullptr && i < module.dependency_count; ++i) {
-        dependencies.push_back(moduleJson(module.dependencies[i]));
+    for (const auto& dependency : itemsOf(module.dependencies, module.dependency_count, "module dependencies")) {
+        dependencies.push_back(moduleJson(dependency));
     }
     return json{{"moduleName", module.module_name != nullptr ? module.module_name : ""},
                 {"description", module.description != nullptr ? module.description : ""},
@@ -111,8 +110,7 @@ std::string renderFirmwareImages(const halyx_firmware_device_firmware_images_t* 
 {
     return renderRecord(images, "images info pointer is nullptr.", format, [](const auto& found) {
         json list = json::array();
-        for (size_t i = 0; found.images != nullptr && i < found.count; ++i) {
-            const auto& image = found.images[i];
+        for (const auto& image : itemsOf(found.images, found.count, "images info")) {
             json entry{{"imageType", nameOf(kImageTypes, image.image_type)},
                        {"imageLocation", image.image_location},
                        {"address", image.address},
@@ -131,8 +129,8 @@ std::string renderVersionList(const halyx_version_list_t* list, uint32_t format)
 {
     return renderRecord(list, "List is nullptr.", format, [](const auto& versions) {
         json modules = json::array();
-        for (size_t i = 0; versions.modules != nullptr && i < versions.count; ++i) {
-            modules.push_back(moduleJson(versions.modules[i]));
+        for (const auto& module : itemsOf(versions.modules, versions.count, "version list")) {
+            modules.push_back(moduleJson(module));
         }
         return json{{"modules", std::move(modules)}};
     });

@@ -124,56 +124,101 @@ std::string NamedSemaphoreLock::recordName(const std::string& name)
 
 void NamedSemaphoreLock::remove(const std::string& name) noexcept
 {
+    // Marked first, so that whoever has the old objects open moves to new ones.
+    const int fd = ::shm_open(recordName(name).c_str(), O_RDWR, 0);
+    if (fd >= 0) {
+        struct stat info {};
+        if (::fstat(fd, &info) == 0 && static_cast<size_t>(info.st_size) >= sizeof(Record)) {
+            void* mapping = ::mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            if (mapping != MAP_FAILED) {
+                static_cast<Record*>(mapping)->retired.store(1);
+                ::munmap(mapping, sizeof(Record));
+            }
+        }
+        ::close(fd);
+    }
     ::sem_unlink(semaphoreName(name).c_str());
     ::shm_unlink(recordName(name).c_str());
 }
 
-NamedSemaphoreLock::NamedSemaphoreLock(const std::string& name) : name_(name), self_(selfIdentity())
+uint64_t NamedSemaphoreLock::pidNamespace()
 {
-    // Every user of the device must be able to open the lock, whatever their umask.
-    const mode_t previous = ::umask(0);
-    semaphore_ = ::sem_open(semaphoreName(name).c_str(), O_CREAT, 0666, 1);
-    const int fd = ::shm_open(recordName(name).c_str(), O_CREAT | O_RDWR, 0666);
-    ::umask(previous);
-    if (semaphore_ == SEM_FAILED) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-        createFailed(semaphoreName(name));
-    }
-    if (fd < 0) {
-        ::sem_close(semaphore_);
-        createFailed(recordName(name));
-    }
-    // A fresh record reads as zero, "no holder"; an existing one keeps its value.
-    void* mapping = MAP_FAILED;
-    if (::ftruncate(fd, sizeof(uint64_t)) == 0) {
-        mapping = ::mmap(nullptr, sizeof(uint64_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    }
-    ::close(fd);
-    if (mapping == MAP_FAILED) {
-        ::sem_close(semaphore_);
-        createFailed(recordName(name));
-    }
-    owner_ = static_cast<std::atomic<uint64_t>*>(mapping);
+    struct stat info {};
+    return ::stat("/proc/self/ns/pid", &info) == 0 ? static_cast<uint64_t>(info.st_ino) : 0;
+}
+
+NamedSemaphoreLock::NamedSemaphoreLock(const std::string& name)
+    : name_(name), self_(selfIdentity()), namespace_(pidNamespace())
+{
+    open();
 }
 
 NamedSemaphoreLock::~NamedSemaphoreLock()
 {
     unlock();
-    ::munmap(owner_, sizeof(uint64_t));
+    close();
+}
+
+void NamedSemaphoreLock::open()
+{
+    // Every user of the device must be able to open the lock, whatever their umask.
+    const mode_t previous = ::umask(0);
+    semaphore_ = ::sem_open(semaphoreName(name_).c_str(), O_CREAT, 0666, 1);
+    const int fd = ::shm_open(recordName(name_).c_str(), O_CREAT | O_RDWR, 0666);
+    ::umask(previous);
+    if (semaphore_ == SEM_FAILED) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        createFailed(semaphoreName(name_));
+    }
+    if (fd < 0) {
+        ::sem_close(semaphore_);
+        createFailed(recordName(name_));
+    }
+    // A fresh record reads as zero: no holder, no users, not retired.
+    void* mapping = MAP_FAILED;
+    if (::ftruncate(fd, sizeof(Record)) == 0) {
+        mapping = ::mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    ::close(fd);
+    if (mapping == MAP_FAILED) {
+        ::sem_close(semaphore_);
+        createFailed(recordName(name_));
+    }
+    record_ = static_cast<Record*>(mapping);
+    record_->users.fetch_add(1);
+}
+
+void NamedSemaphoreLock::close() noexcept
+{
+    record_->users.fetch_sub(1);
+    ::munmap(record_, sizeof(Record));
     ::sem_close(semaphore_);
 }
 
 bool NamedSemaphoreLock::takeOverFromDeadHolder()
 {
-    uint64_t owner = owner_->load();
-    if (owner == 0 || owner == self_ || isAlive(owner)) {
+    uint64_t owner = record_->owner.load();
+    const uint64_t owner_namespace = record_->namespace_.load();
+    if (owner == 0 || owner == self_ || record_->owner.load() != owner) {
         return false;
     }
-    if (!owner_->compare_exchange_strong(owner, self_)) {
-        return false; // someone else got there first
+    if (owner_namespace != 0 && owner_namespace != namespace_) {
+        if (!judged_foreign_) {
+            judged_foreign_ = true;
+            Log::warn("The interprocess lock {} is held by process {} of another PID namespace, whose life cannot be "
+                      "seen from here; waiting for it to release the lock.",
+                      name_, owner >> 32);
+        }
+        return false;
     }
+    if (isAlive(owner) || !record_->owner.compare_exchange_strong(owner, self_)) {
+        return false;
+    }
+    record_->namespace_.store(namespace_);
+    // The dead holder never closed its lock.
+    record_->users.fetch_sub(1);
     Log::warn("The interprocess lock {} was held by process {}, which ended without releasing it; taking it over.",
               name_, owner >> 32);
     return true;
@@ -187,30 +232,44 @@ void NamedSemaphoreLock::lock(std::chrono::milliseconds timeout)
     }
     const auto deadline = Clock::now() + timeout;
     while (true) {
+        bool taken = false;
+        bool took_over = false;
         if (::sem_trywait(semaphore_) == 0) {
-            break;
-        }
-        if (errno != EAGAIN && errno != EINTR) {
+            taken = true;
+        } else if (errno != EAGAIN && errno != EINTR) {
             waitFailed();
+        } else if (takeOverFromDeadHolder()) {
+            taken = took_over = true;
         }
-        if (takeOverFromDeadHolder()) {
-            held_ = true;
-            return;
+        if (!taken) {
+            const auto now = Clock::now();
+            if (now >= deadline) {
+                Log::error("interprocess lock {} is held by process {}", name_, record_->owner.load() >> 32);
+                throw HALYXException(HALYX_ERR_ALREADY_STARTED, "interprocess lock is held by another process");
+            }
+            const auto until = monotonicDeadline(std::min(deadline, now + kRecheckInterval));
+            if (::sem_clockwait(semaphore_, CLOCK_MONOTONIC, &until) == 0) {
+                taken = true;
+            } else if (errno != ETIMEDOUT && errno != EINTR) {
+                waitFailed();
+            }
         }
-        const auto now = Clock::now();
-        if (now >= deadline) {
-            Log::error("interprocess lock {} is held by process {}", name_, owner_->load() >> 32);
-            throw HALYXException(HALYX_ERR_ALREADY_STARTED, "interprocess lock is held by another process");
+        if (!taken) {
+            continue;
         }
-        const auto until = monotonicDeadline(std::min(deadline, now + kRecheckInterval));
-        if (::sem_clockwait(semaphore_, CLOCK_MONOTONIC, &until) == 0) {
-            break;
+        if (record_->retired.load() != 0) {
+            // Its last user removed it while this one waited: open it anew.
+            if (!took_over) {
+                ::sem_post(semaphore_);
+            }
+            close();
+            open();
+            continue;
         }
-        if (errno != ETIMEDOUT && errno != EINTR) {
-            waitFailed();
-        }
+        break;
     }
-    owner_->store(self_);
+    record_->namespace_.store(namespace_);
+    record_->owner.store(self_);
     held_ = true;
 }
 
@@ -220,11 +279,19 @@ void NamedSemaphoreLock::unlock() noexcept
         return;
     }
     held_ = false;
+    if (record_->users.load() == 1) {
+        // Nobody else has it open: leave nothing behind. A process that opens
+        // it from now on until the post below finds it retired.
+        record_->owner.store(0);
+        remove(name_);
+        ::sem_post(semaphore_);
+        return;
+    }
     // Post first: a holder that dies between the two leaves a stale record
     // beside a free semaphore, which the next holder simply overwrites.
     ::sem_post(semaphore_);
     uint64_t expected = self_;
-    owner_->compare_exchange_strong(expected, 0);
+    record_->owner.compare_exchange_strong(expected, 0);
 }
 
 } // namespace HALYX::Linux

@@ -132,7 +132,7 @@ TEST(Documents, CallerBuiltRecordsThatClaimMoreThanTheyHold)
     for (const auto format : {HALYX_DOC_FORMAT_JSON, HALYX_DOC_FORMAT_CSV, HALYX_DOC_FORMAT_CSV_WO_HEADER}) {
         EXPECT_EQ(halyx_util_device_list_as_document(context, format, &list, &text), HALYX_ERR_INVALID_ARGUMENT)
             << format;
-        EXPECT_EQ(lastError(context).message, "device 7 has serial_port_count 2 but serial_ports is NULL");
+        EXPECT_EQ(lastError(context).message, "device 7's serial_ports has 2 entries but no array");
     }
     EXPECT_EQ(halyx_util_device_as_document(context, HALYX_DOC_FORMAT_JSON, &device, &text),
               HALYX_ERR_INVALID_ARGUMENT);
@@ -140,7 +140,7 @@ TEST(Documents, CallerBuiltRecordsThatClaimMoreThanTheyHold)
     device.trait_count = 3;
     EXPECT_EQ(halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_CSV, &list, &text),
               HALYX_ERR_INVALID_ARGUMENT);
-    EXPECT_EQ(lastError(context).message, "device 7 has trait_count 3 but traits is NULL");
+    EXPECT_EQ(lastError(context).message, "device 7's traits has 3 entries but no array");
     EXPECT_EQ(text, nullptr);
 
     // Consistent, it renders: the fields are what there is without "json".
