@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -79,6 +82,15 @@ public:
         response.payload = nlohmann::json::to_cbor(map);
         const auto wire = HALYX::SIM::encodeLines(response, 128);
         ASSERT_EQ(static_cast<ssize_t>(wire.size()), ::write(master_, wire.data(), wire.size()));
+    }
+
+    // Sends raw bytes, as a device that sends whatever it likes; false when
+    // the line takes nothing within a while (nobody reads it).
+    bool send(const std::vector<uint8_t>& bytes)
+    {
+        pollfd fd{master_, POLLOUT, 0};
+        return ::poll(&fd, 1, 50) == 1 &&
+               ::write(master_, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     }
 
     void unplug()
@@ -197,4 +209,58 @@ TEST(SmpUartTransport, UnplugEndsTheWait)
     unplugger.join();
     EXPECT_EQ(McuBootError::UartReadError, result);
     transport.close();
+}
+
+namespace {
+
+long residentKib()
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stol(line.substr(6));
+        }
+    }
+    return -1;
+}
+
+} // namespace
+
+// A device that streams without ever finishing a frame, or that announces a
+// packet far longer than it sends, costs bounded memory, and the request ends
+// with its time-out.
+TEST(SmpUartTransport, AHostileDeviceCostsBoundedMemoryAndTimesOut)
+{
+    for (const bool announce : {false, true}) {
+        SCOPED_TRACE(announce ? "a huge length announced" : "no line end ever");
+        FakeDevice device;
+        SmpUartTransport transport(settingsFor(device.path()));
+        transport.open();
+        std::atomic<bool> stop{false};
+        std::thread flood([&] {
+            std::vector<uint8_t> start{0x06, 0x09};
+            if (announce) {
+                start.insert(start.end(), {'/', '/', '8', 'A', '\n'}); // length 0xFFFF
+            }
+            device.send(start);
+            std::vector<uint8_t> filler(4096, 'A');
+            if (announce) {
+                filler = {0x04, 0x14};
+                filler.resize(1002, 'B');
+                filler.push_back('\n');
+            }
+            while (!stop) {
+                device.send(filler);
+            }
+        });
+        const auto before = residentKib();
+        EXPECT_EQ(McuBootError::Timeout,
+                  outcome([&] { transport.send(resetRequest(9), [](const SmpPacket&) {}, 300ms, 1500ms, 1000ms); }));
+        const auto after = residentKib();
+        stop = true;
+        flood.join();
+        transport.close();
+        EXPECT_LT(after - before, 16 * 1024) << "kB resident more after the flood";
+    }
 }
