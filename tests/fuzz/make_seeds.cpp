@@ -21,8 +21,8 @@ using nlohmann::json;
 void write(const fs::path& file, const std::vector<uint8_t>& bytes)
 {
     fs::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
-                                                static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 void write(const fs::path& file, const std::string& text)

@@ -255,8 +255,10 @@ TEST(SmpUartTransport, AHostileDeviceCostsBoundedMemoryAndTimesOut)
             }
         });
         const auto before = residentKib();
-        EXPECT_EQ(McuBootError::Timeout,
-                  outcome([&] { transport.send(resetRequest(9), [](const SmpPacket&) {}, 300ms, 1500ms, 1000ms); }));
+        EXPECT_EQ(McuBootError::Timeout, outcome([&] {
+                      transport.send(
+                          resetRequest(9), [](const SmpPacket&) {}, 300ms, 1500ms, 1000ms);
+                  }));
         const auto after = residentKib();
         stop = true;
         flood.join();
