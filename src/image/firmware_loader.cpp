@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "core/halyx_exception.hpp"
-#include "image/firmware_format.hpp"
+#include "image/package_entry.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
 
@@ -21,17 +21,6 @@ std::span<const uint8_t> bytesOf(const std::string& data)
     return {reinterpret_cast<const uint8_t*>(data.data()), data.size()};
 }
 
-BinaryImage packageItem(const ZipArchive& package, const PackageManifest::Item& item, const std::string& name)
-{
-    const auto bytes = package.read(item.file());
-    const auto format = packageEntryFormat(item.file(), bytes);
-    const auto address = format == HALYX_FW_FORMAT_BINARY ? item.number("load_address") : std::optional<uint64_t>{0};
-    if (!address) {
-        throw HALYXException(HALYX_ERR_MANIFEST, "load_address key missing");
-    }
-    return loadImageBytes(bytes, format, name, *address);
-}
-
 BinaryImage package(const halyx_firmware& firmware)
 {
     const auto archive =
@@ -40,7 +29,7 @@ BinaryImage package(const halyx_firmware& firmware)
     const std::string packageName = firmware.isFile() ? firmware.data : kBufferName;
     BinaryImage image;
     for (const auto& item : manifest.files()) {
-        image.merge(packageItem(archive, item, packageName + "/" + item.file()));
+        image.merge(readPackageEntry(archive, item, packageName).image);
     }
     if (image.empty()) {
         throw BinaryImage::file_error(fmt::format("BinaryImage {} is empty.", packageName));

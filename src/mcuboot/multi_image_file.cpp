@@ -6,8 +6,7 @@
 
 #include "core/halyx_exception.hpp"
 #include "core/logging.hpp"
-#include "image/firmware_format.hpp"
-#include "image/firmware_loader.hpp"
+#include "image/package_entry.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
 #include "mcuboot/binary_file.hpp"
@@ -40,18 +39,17 @@ PackageImage entry(const ZipArchive& archive, const PackageManifest::Item& item)
     image.type = item.text("type").value_or("");
     image.board = item.text("board").value_or("");
 
-    auto bytes = archive.read(item.file());
-    const auto format = packageEntryFormat(item.file(), bytes);
-    if (format != HALYX_FW_FORMAT_BINARY) {
-        // HEX and ELF both become a memory image; its lowest address is where it goes.
-        image.image = std::make_unique<KeilHexFile>(loadImageBytes(bytes, format, item.file(), 0));
+    auto entry = readPackageEntry(archive, item, "");
+    if (entry.format != HALYX_FW_FORMAT_BINARY) {
+        // A HEX or ELF file's lowest address is where it goes, unless the manifest says otherwise.
+        image.image = std::make_unique<KeilHexFile>(std::move(entry.image));
         if (loadAddress) {
             image.image->setTargetAddress(*loadAddress);
         } else {
             image.loadAddress = image.image->targetAddress();
         }
     } else {
-        image.image = std::make_unique<BinaryFile>(std::move(bytes), image.loadAddress);
+        image.image = std::make_unique<BinaryFile>(std::move(entry.bytes), image.loadAddress);
     }
     return image;
 }

@@ -6,6 +6,7 @@
 #include "image/binary_image.hpp"
 #include "image/firmware_format.hpp"
 #include "image/firmware_loader.hpp"
+#include "image/package_entry.hpp"
 #include "image/package_manifest.hpp"
 #include "image/zip_archive.hpp"
 #include "mcuboot/binary_file.hpp"
@@ -113,18 +114,15 @@ void addMcuboot(ordered_json& out, halyx_fw_format_t format, const BinaryImage& 
 ordered_json packageEntry(const HALYX::ZipArchive& archive, const HALYX::PackageManifest::Item& item,
                           const std::string& packageName)
 {
-    const auto bytes = archive.read(item.file());
-    const auto format = HALYX::packageEntryFormat(item.file(), bytes);
+    const auto entry = HALYX::readPackageEntry(archive, item, packageName);
     ordered_json out;
     out["file"] = item.file();
-    out["format"] = formatName(format);
-    out["fileSize"] = bytes.size();
+    out["format"] = formatName(entry.format);
+    out["fileSize"] = entry.bytes.size();
     out["item"] = item.fields();
-    // Unlike programming, a description does not need to know where a binary goes.
-    const auto address = format == HALYX_FW_FORMAT_BINARY ? item.number("load_address").value_or(0) : 0;
-    const auto image = HALYX::loadImageBytes(bytes, format, packageName + "/" + item.file(), address);
+    const auto& image = entry.image;
     describeImage(out, image);
-    addMcuboot(out, format, image, bytes);
+    addMcuboot(out, entry.format, image, entry.bytes);
     return out;
 }
 

@@ -1,10 +1,12 @@
 #include <algorithm>
+#include <functional>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "core/firmware.hpp"
+#include "core/halyx_exception.hpp"
 #include "files.hpp"
 #include "image/firmware_loader.hpp"
 #include "image_report.hpp"
@@ -79,6 +81,35 @@ TEST(PackageAgreement, ImageInfoAndPackageReadersDecideEntriesAlike)
     std::sort(described.begin(), described.end(),
               [](const auto& a, const auto& b) { return a.at("address") < b.at("address"); });
     EXPECT_EQ(segments, described);
+}
+
+// A binary entry without "load_address" has no place: describing it, uploading
+// it and programming it through a probe all refuse it alike.
+TEST(PackageAgreement, ABinaryWithoutLoadAddressIsRefusedByEveryReader)
+{
+    halyx_test::TempDir dir;
+    const auto package = dir / "unplaced.zip";
+    const json layout = {{"files", {{{"file", "app.hex"}}, {{"file", "data.bin"}, {"image_index", 1}}}},
+                         {"images", {{"app.hex", {{"body", 40}, {"hex", 0x8000}}}, {"data.bin", {{"body", 30}}}}}};
+    halyx_test::runOk(fmt::format("{} {} package {} {}", halyx_test::python(),
+                                  halyx_test::shellQuote(halyx_test::dataFile("image/make_mcuboot_image.py")),
+                                  halyx_test::shellQuote(package.string()), halyx_test::shellQuote(layout.dump())));
+    halyx_firmware firmware;
+    firmware.format = HALYX_FW_FORMAT_ZIP;
+    firmware.data = package.string();
+    const std::vector<std::pair<std::string, std::function<void()>>> readers = {
+        {"image info", [&] { halyx_tool::describeImageFile(package, 0); }},
+        {"MCUboot package", [&] { HALYX::MCUBOOT::MultiImageFile::fromFile(package); }},
+        {"memory image", [&] { HALYX::loadFirmwareImage(firmware); }}};
+    for (const auto& [name, read] : readers) {
+        try {
+            read();
+            ADD_FAILURE() << name << " placed a binary without an address";
+        } catch (const HALYX::HALYXException& e) {
+            EXPECT_EQ(e.code(), HALYX_ERR_MANIFEST) << name;
+            EXPECT_STREQ(e.what(), "load_address key missing") << name;
+        }
+    }
 }
 
 } // namespace

@@ -197,7 +197,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
            {"board", "kit"},
            {"modtime", 1700000000}},
           {{"file", "app.hex"}, {"image_index", 0}},
-          {{"file", "extra.bin"}}}},
+          {{"file", "extra.bin"}, {"load_address", "0x2000"}}}},
         {"images",
          {{"net.bin", {{"body", 5000}, {"seed", 2}}},
           {"app.hex", {{"body", 700}, {"seed", 3}, {"hex", 0x8000}}},
@@ -222,6 +222,7 @@ TEST(McubootImage, PackagesListImagesInManifestOrder)
         EXPECT_EQ(images[1].imageIndex, 0u);
         EXPECT_EQ(images[1].loadAddress, 0x8000u); // from the HEX file itself
         EXPECT_FALSE(images[2].imageIndex);
+        EXPECT_EQ(images[2].loadAddress, 0x2000u);
         for (const auto& image : images) {
             EXPECT_EQ(image.image->readAt(0, image.image->length()), fromHex(expected[image.file]["bytes"]))
                 << image.file;
