@@ -20,7 +20,7 @@ constexpr size_t kResponseAllowance = 64;
 constexpr int kUploadSpan = 90;
 constexpr milliseconds kResendSlack{1000};
 constexpr size_t kFlashPage = 4096;
-constexpr milliseconds kPageErase{80};
+constexpr milliseconds kPageErase{100};
 // A slot of 1 MiB, whatever the image: a small image may still sit in a large slot.
 constexpr size_t kLeastSlotPages = 256;
 
@@ -255,7 +255,9 @@ void SmpClient::resetDevice()
             resetRequest(sequence_.next()), [](const SmpPacket& response) { checkWriteResponse(response); },
             Wait::Resend);
     } catch (const McuBootFailure& f) {
-        if (f.error() != McuBootError::UartReadError) {
+        // A re-sent request may meet the port already gone, as a read or a write.
+        if (f.error() != McuBootError::UartReadError && f.error() != McuBootError::UartWriteError &&
+            f.error() != McuBootError::UartNotOpenError) {
             Log::error("Error calling enterApplicationState, {}", f.what());
             throw failed(f, "Not able to reset device.");
         }

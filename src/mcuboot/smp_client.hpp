@@ -65,8 +65,8 @@ public:
     // How long the device may take to answer the chunk at offset 0 of an
     // image of this length: it erases the whole slot first, which the image
     // may fill only in part. Assumes a slot of at least 1 MiB and at most
-    // twice the image, and 80 ms per 4 KiB flash page (internal flash takes
-    // 40 to 90): 20.5 s for images up to 512 KiB, 41 s for 1 MiB.
+    // twice the image, and 100 ms per 4 KiB flash page (internal flash takes
+    // 40 to 90): 25.6 s for images up to 512 KiB, 51.2 s for 1 MiB.
     static std::chrono::milliseconds eraseAllowance(size_t image_length);
 
     ChunkSizes currentChunkSizes() const { return chunks_; }

@@ -267,6 +267,16 @@ TEST_P(McubootProfiles, DeviceFaultsEndWithTheirErrorAndARetrySucceeds)
     EXPECT_GE(device_.stats().repeatedChunks, 1u);
     EXPECT_EQ(resets + 1, device_.stats().resets);
 
+    // The reset's answer lost: the request sent again meets a device that has
+    // already restarted and whose port is gone, which is what a reset is for.
+    if (device_.config().rebootOnReset) {
+        device_.injectFault(SmpSimulator::Fault::DropResponse, SmpSimulator::Command::Reset);
+        const auto reboots = device_.stats().reboots;
+        result = program(harness, bin, HALYX_FW_FORMAT_BINARY);
+        ASSERT_EQ(HALYX_SUCCESS, result.code) << result.message;
+        EXPECT_EQ(reboots + 1, device_.stats().reboots);
+    }
+
     // Silence beyond the response time-out is a time-out (12).
     device_.setResponseDelay(2500ms);
     result = program(harness, bin, HALYX_FW_FORMAT_BINARY);
