@@ -1,5 +1,7 @@
 #include "core/context.hpp"
 
+#include <utility>
+
 #include <fmt/format.h>
 
 #include "core/builtin_plugins.hpp"
@@ -91,8 +93,15 @@ void halyx_context::setShutdownCallback(halyx_shutdown_callback_t callback)
 void halyx_context::setConfiguration(HALYX::ConfigurationMap configuration)
 {
     std::lock_guard lock(configuration_mutex_);
-    lister->configure(configuration);
-    configuration_ = std::move(configuration);
+    // Stored first, then handed on; a configuration the lister refuses (it
+    // leaves its plugins as they were) is not kept either.
+    auto previous = std::exchange(configuration_, std::move(configuration));
+    try {
+        lister->configure(configuration_);
+    } catch (...) {
+        configuration_ = std::move(previous);
+        throw;
+    }
 }
 
 // The lister serialises start and stop itself. The context mutex is not held

@@ -33,8 +33,10 @@ namespace HALYX {
 // Threads: the caller's threads; the enumeration task; the host lister's
 // notification thread, which calls onArrival and onRemoval. Locks: the parts
 // keep their own (see each); here list_mutex_ guards the list handed out and
-// settings_mutex_ the plugin settings applied. No lock is held while calling
-// out to a plugin, a lister or the application.
+// is never held while calling out; settings_mutex_ guards the plugin settings
+// applied and is held across the plugins' setInitParameters, so that two
+// configurations cannot interleave (a plugin must not configure the lister
+// from there). Neither is held while calling the application.
 class DeviceLister final : public DeviceAccess {
 public:
     DeviceLister(halyx_context* owner, std::unique_ptr<AsyncLister> lister,

@@ -7,9 +7,13 @@ namespace HALYX {
 
 EnumerationTask::~EnumerationTask()
 {
-    std::lock_guard lock(mutex_);
-    if (task_.valid()) {
-        task_.wait();
+    std::shared_future<std::vector<Device>> task;
+    {
+        std::lock_guard lock(mutex_);
+        task = task_;
+    }
+    if (task.valid()) {
+        task.wait();
     }
 }
 
