@@ -66,13 +66,14 @@ public:
     explicit UsbResponder(KitModel model) : model_(std::move(model)), handler_(umockdev_ioctl_base_new())
     {
         g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(&UsbResponder::onIoctl), this);
+        g_signal_connect(handler_.get(), "client-vanished", G_CALLBACK(&UsbResponder::onVanished), this);
     }
     ~UsbResponder()
     {
         g_signal_handlers_disconnect_by_data(handler_.get(), this);
         std::lock_guard lock(mutex_);
-        for (auto* urb : completed_) {
-            g_object_unref(urb);
+        for (auto& [client, urbs] : completed_) {
+            drop(urbs);
         }
     }
     UMockdevIoctlBase* handler() const { return handler_.get(); }
@@ -133,6 +134,24 @@ private:
         return TRUE;
     }
 
+    // An open file of the node closed: what it submitted and never reaped goes with it.
+    static void onVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self)
+    {
+        auto* responder = static_cast<UsbResponder*>(self);
+        std::lock_guard lock(responder->mutex_);
+        if (auto node = responder->completed_.extract(client)) {
+            drop(node.mapped());
+        }
+    }
+
+    static void drop(std::deque<UMockdevIoctlData*>& urbs)
+    {
+        for (auto* urb : urbs) {
+            g_object_unref(urb);
+        }
+        urbs.clear();
+    }
+
     void handle(UMockdevIoctlClient* client)
     {
         const gulong request = umockdev_ioctl_client_get_request(client);
@@ -165,7 +184,7 @@ private:
             }
             {
                 std::lock_guard lock(mutex_);
-                completed_.push_back(urb_data.release());
+                completed_[client].push_back(urb_data.release());
             }
             umockdev_ioctl_client_complete(client, 0, 0);
             return;
@@ -174,9 +193,10 @@ private:
             GPtr<UMockdevIoctlData> urb;
             {
                 std::lock_guard lock(mutex_);
-                if (!completed_.empty()) {
-                    urb.reset(completed_.front());
-                    completed_.pop_front();
+                auto mine = completed_.find(client);
+                if (mine != completed_.end() && !mine->second.empty()) {
+                    urb.reset(mine->second.front());
+                    mine->second.pop_front();
                 }
             }
             if (!urb) {
@@ -199,7 +219,9 @@ private:
     const KitModel model_;
     GPtr<UMockdevIoctlBase> handler_;
     std::mutex mutex_;
-    std::deque<UMockdevIoctlData*> completed_; // each holds a reference
+    // Per open file, as the kernel keeps them: a URB is reaped only through
+    // the file that submitted it. Each holds a reference.
+    std::map<UMockdevIoctlClient*, std::deque<UMockdevIoctlData*>> completed_;
 };
 
 // Runs a tty's ioctls on the real pty behind it (umockdev answers them with
@@ -249,8 +271,16 @@ Testbed::~Testbed()
     for (const auto& [node, forwarder] : tty_forwarders_) {
         umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
     }
+    for (const auto& [node, responder] : retired_responders_) {
+        umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
+    }
+    for (const auto& [node, forwarder] : retired_forwarders_) {
+        umockdev_testbed_detach_ioctl(testbed_, node.c_str(), nullptr);
+    }
     usb_responders_.clear();
     tty_forwarders_.clear();
+    retired_responders_.clear();
+    retired_forwarders_.clear();
     g_object_unref(testbed_);
 }
 
@@ -409,15 +439,16 @@ void Testbed::unplug(unsigned id)
 void Testbed::detachKit(const Kit& kit)
 {
     for (const auto& tty : kit.ttys) {
-        if (tty_forwarders_.erase(tty) > 0) {
-            umockdev_testbed_detach_ioctl(testbed_, tty.c_str(), nullptr);
+        if (auto forwarder = tty_forwarders_.extract(tty)) {
+            retired_forwarders_.emplace_back(tty, std::move(forwarder.mapped()));
         }
     }
     for (const auto& link : kit.devlinks) {
         removeLink(link);
     }
-    umockdev_testbed_detach_ioctl(testbed_, kit.usbNode.c_str(), nullptr);
-    usb_responders_.erase(kit.usbNode);
+    if (auto responder = usb_responders_.extract(kit.usbNode)) {
+        retired_responders_.emplace_back(kit.usbNode, std::move(responder.mapped()));
+    }
     for (auto it = kit.syspaths.rbegin(); it != kit.syspaths.rend(); ++it) {
         umockdev_testbed_uevent(testbed_, it->c_str(), "remove");
         umockdev_testbed_remove_device(testbed_, it->c_str());

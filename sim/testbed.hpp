@@ -105,6 +105,12 @@ private:
     std::map<unsigned, Kit> kits_;
     std::map<unsigned, std::vector<SysfsNode>> pending_ports_;
     std::map<std::string, std::unique_ptr<UsbResponder>> usb_responders_;
+    // Those of nodes already removed: a client may still have the node open,
+    // and ends up with an I/O error on it, as with a kernel, rather than with
+    // the preload failing when its handler goes away. Node names are never
+    // reused, so they stay until the testbed goes.
+    std::vector<std::pair<std::string, std::unique_ptr<UsbResponder>>> retired_responders_;
+    std::vector<std::pair<std::string, std::unique_ptr<TtyForwarder>>> retired_forwarders_;
     std::map<std::string, std::unique_ptr<TtyForwarder>> tty_forwarders_;
     std::map<unsigned, std::unique_ptr<SmpSimulator>> bootloaders_;
     std::map<unsigned, Kit> away_; // rebooting
