@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench_json.hpp"
+#include "devices/known_kits.hpp"
 #include "halyx.h"
 #include "kit.hpp"
 #include "testbed.hpp"
@@ -78,12 +79,14 @@ void vendorRequests(libusb_context* usb, uint8_t interface)
         libusb_device_descriptor descriptor{};
         libusb_get_device_descriptor(list[i], &descriptor);
         libusb_device_handle* handle = nullptr;
-        if (descriptor.idVendor != 0x7A5C || libusb_open(list[i], &handle) != 0) {
+        if (!HALYX::KnownKits::isMakerDevice(descriptor.idVendor) || libusb_open(list[i], &handle) != 0) {
             continue;
         }
         unsigned char reply[255];
-        libusb_control_transfer(handle, 0xA1, 8, 0, interface, reply, sizeof reply, 1000);
-        libusb_control_transfer(handle, 0xA1, 7, 0, interface, reply, 24, 1000);
+        libusb_control_transfer(handle, 0xA1, HALYX::KnownKits::kDfuTriggerSemVerRequest, 0, interface, reply,
+                                HALYX::KnownKits::kDfuTriggerSemVerSize, 1000);
+        libusb_control_transfer(handle, 0xA1, HALYX::KnownKits::kDfuTriggerInfoRequest, 0, interface, reply,
+                                HALYX::KnownKits::kDfuTriggerInfoSize, 1000);
         libusb_close(handle);
     }
     libusb_free_device_list(list, 1);

@@ -326,7 +326,7 @@ void Testbed::attachKit(Kit& kit, bool ports_later)
 
     std::vector<SysfsNode> ports;
     for (const auto& node : nodes) {
-        if (node.devnode.rfind("/dev/tty", 0) == 0) {
+        if (node.devnode.starts_with("/dev/tty")) {
             kit.ttys.push_back(node.devnode);
             if (!node.devlink.empty()) {
                 kit.devlinks.push_back(node.devlink);
@@ -338,7 +338,7 @@ void Testbed::attachKit(Kit& kit, bool ports_later)
         }
         addNode(node);
         kit.syspaths.push_back(node.syspath);
-        if (node.devnode.rfind("/dev/tty", 0) == 0) {
+        if (node.devnode.starts_with("/dev/tty")) {
             bindTty(node);
         }
         if (&node == &nodes.front()) {

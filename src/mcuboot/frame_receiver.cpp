@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <nettle/base64.h>
 
+#include "core/byte_order.hpp"
 #include "core/logging.hpp"
 #include "mcuboot/console_framing.hpp"
 
@@ -177,7 +178,7 @@ SmpPacket FrameReceiver::decodeFrames()
         if (prefix.size() < 2) {
             throw SmpException("Not enough data");
         }
-        const size_t length = (static_cast<size_t>(prefix[0]) << 8) | prefix[1];
+        const size_t length = readBe16(prefix, 0);
         expected_text_size_ = (length + 2 + 2) / 3 * 4;
     }
     Log::trace("Attempting to decode frames vector with {} frames", frames_.size());
@@ -193,7 +194,7 @@ SmpPacket FrameReceiver::decodeFrames()
     if (body.size() < 2) {
         throw SmpException("Not enough data");
     }
-    const size_t length = (static_cast<size_t>(body[0]) << 8) | body[1];
+    const size_t length = readBe16(body, 0);
     if (body.size() < length + 2) {
         return {};
     }

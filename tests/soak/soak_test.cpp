@@ -10,12 +10,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -39,24 +39,12 @@ using nlohmann::json;
 
 constexpr int kContexts = 8;
 
-long statusKib(const char* key)
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(key, 0) == 0) {
-            return std::stol(line.substr(std::strlen(key)));
-        }
-    }
-    return -1;
-}
-
 // Every thread's stack, from a debugger attached to this process.
 void dumpStacks()
 {
     ::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
-    const auto command = "gdb -p " + std::to_string(::getpid()) +
-                         " -batch -ex 'set pagination off' -ex 'thread apply all bt' 2>&1";
+    const auto command =
+        "gdb -p " + std::to_string(::getpid()) + " -batch -ex 'set pagination off' -ex 'thread apply all bt' 2>&1";
     if (FILE* gdb = ::popen(command.c_str(), "r")) {
         char line[1024];
         while (std::fgets(line, sizeof line, gdb) != nullptr) {
@@ -85,12 +73,12 @@ bool expected(halyx_errorcode_t code)
 {
     switch (code) {
     case HALYX_SUCCESS:
-    case HALYX_ERR_GENERAL:    // a device went away mid-operation, a cancel
-    case HALYX_ERR_DFU_11:     // cancelled
-    case HALYX_ERR_NOT_FOUND:  // a device that left
-    case HALYX_ERR_TIMEOUT:    // enumeration still running, a device that left
+    case HALYX_ERR_GENERAL:   // a device went away mid-operation, a cancel
+    case HALYX_ERR_DFU_11:    // cancelled
+    case HALYX_ERR_NOT_FOUND: // a device that left
+    case HALYX_ERR_TIMEOUT:   // enumeration still running, a device that left
     case HALYX_ERR_OPEN_FAILED:
-    case HALYX_ERR_LOGGER:     // a second registration
+    case HALYX_ERR_LOGGER:          // a second registration
     case HALYX_ERR_ALREADY_STARTED: // another context programs that kit
     case HALYX_ERR_NO_MATCHING_TRAIT:
     case HALYX_ERR_INVALID_STATE:
@@ -152,8 +140,7 @@ void life(int index, const std::atomic<bool>& stop, Figures& figures, const std:
             }
             ++figures.enumerations;
             char* document = nullptr;
-            if (halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_JSON, list, &document) ==
-                HALYX_SUCCESS) {
+            if (halyx_util_device_list_as_document(context, HALYX_DOC_FORMAT_JSON, list, &document) == HALYX_SUCCESS) {
                 ++figures.documents;
                 halyx_free_document(context, document);
             }
@@ -269,7 +256,7 @@ TEST(Soak, EightContextsUnderLoad)
     bool stuck = false;
     while (Clock::now() - start < duration) {
         std::this_thread::sleep_for(1s);
-        const auto rss = statusKib("VmRSS:");
+        const auto rss = halyx_test::procStatus("VmRSS:");
         peak = std::max(peak, rss);
         if (Clock::now() >= warm) {
             resident.push_back(rss);

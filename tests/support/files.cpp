@@ -95,4 +95,16 @@ std::string tempPath(const std::string& name)
     return (folder / name).string();
 }
 
+long procStatus(const std::string& key)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with(key)) {
+            return std::stol(line.substr(key.size()));
+        }
+    }
+    return -1;
+}
+
 } // namespace halyx_test

@@ -45,5 +45,8 @@ std::filesystem::path dataFile(const std::string& name);
 std::string python();
 // A path in a folder of this test process's own, removed when it exits.
 std::string tempPath(const std::string& name);
+// A field of this process's /proc/self/status ("VmRSS:", "Threads:"), in
+// its own unit (kB for memory); -1 when absent.
+long procStatus(const std::string& key);
 
 } // namespace halyx_test

@@ -30,7 +30,7 @@ std::optional<std::string> byIdLink(udev_device* tty)
         while (!rest.empty()) {
             const auto end = rest.find(' ');
             const auto link = rest.substr(0, end);
-            if (link.rfind(kByIdPrefix, 0) == 0) {
+            if (link.starts_with(kByIdPrefix)) {
                 return std::string(link);
             }
             rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);

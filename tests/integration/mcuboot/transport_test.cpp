@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "files.hpp"
 #include "mcuboot/smp_requests.hpp"
 #include "mcuboot/smp_uart_transport.hpp"
 #include "mcuboot_outcome.hpp"
@@ -211,22 +212,6 @@ TEST(SmpUartTransport, UnplugEndsTheWait)
     transport.close();
 }
 
-namespace {
-
-long residentKib()
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::stol(line.substr(6));
-        }
-    }
-    return -1;
-}
-
-} // namespace
-
 // A device that streams without ever finishing a frame, or that announces a
 // packet far longer than it sends, costs bounded memory, and the request ends
 // with its time-out.
@@ -254,12 +239,12 @@ TEST(SmpUartTransport, AHostileDeviceCostsBoundedMemoryAndTimesOut)
                 device.send(filler);
             }
         });
-        const auto before = residentKib();
+        const auto before = halyx_test::procStatus("VmRSS:");
         EXPECT_EQ(McuBootError::Timeout, outcome([&] {
                       transport.send(
                           resetRequest(9), [](const SmpPacket&) {}, 300ms, 1500ms, 1000ms);
                   }));
-        const auto after = residentKib();
+        const auto after = halyx_test::procStatus("VmRSS:");
         stop = true;
         flood.join();
         transport.close();

@@ -184,10 +184,10 @@ std::optional<Answer> Console::read(std::chrono::milliseconds timeout)
         for (size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
             const std::string line = pending_.substr(0, end);
             pending_.erase(0, end + 1);
-            if (line.rfind("\x06\x09", 0) == 0) {
+            if (line.starts_with("\x06\x09")) {
                 text_ = line.substr(2);
                 lines_ = {line.size() + 1};
-            } else if (line.rfind("\x04\x14", 0) == 0) {
+            } else if (line.starts_with("\x04\x14")) {
                 text_ += line.substr(2);
                 lines_.push_back(line.size() + 1);
             } else {

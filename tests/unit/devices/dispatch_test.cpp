@@ -324,19 +324,6 @@ std::unique_ptr<TestContext> quickContext()
     return withDevices({quick}, {{"Q", {{"jlink", true}}}});
 }
 
-// A field of /proc/self/status, in its own unit (kB for memory).
-long procStatus(const char* key)
-{
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind(key, 0) == 0) {
-            return std::stol(line.substr(std::strlen(key)));
-        }
-    }
-    return -1;
-}
-
 } // namespace
 
 // Callers that rely on the completion callback and never wait: the tasks run
@@ -350,8 +337,8 @@ TEST(Dispatch, OperationsNobodyWaitsForStayBounded)
         std::condition_variable done;
         int completed = 0;
     } count;
-    const auto threads_before = procStatus("Threads:");
-    const auto memory_before = procStatus("VmSize:");
+    const auto threads_before = halyx_test::procStatus("Threads:");
+    const auto memory_before = halyx_test::procStatus("VmSize:");
     constexpr int kOperations = 2000;
     for (int i = 0; i < kOperations; ++i) {
         uint64_t task = 0;
@@ -368,9 +355,10 @@ TEST(Dispatch, OperationsNobodyWaitsForStayBounded)
     }
     std::unique_lock lock(count.mutex);
     ASSERT_TRUE(count.done.wait_for(lock, 60s, [&] { return count.completed == kOperations; }));
-    EXPECT_LE(procStatus("Threads:") - threads_before, static_cast<long>(HALYX::ASYNC::TaskTable::kMaxWorkers));
+    EXPECT_LE(halyx_test::procStatus("Threads:") - threads_before,
+              static_cast<long>(HALYX::ASYNC::TaskTable::kMaxWorkers));
     // A thread per task kept its stack until waited for: gigabytes for this many.
-    EXPECT_LT(procStatus("VmSize:") - memory_before, 2L * 1024 * 1024);
+    EXPECT_LT(halyx_test::procStatus("VmSize:") - memory_before, 2L * 1024 * 1024);
 }
 
 // Waiting for a task from its own callbacks could never end: refused at once,
