@@ -1,5 +1,7 @@
 #include "fake_lister.hpp"
 
+#include <utility>
+
 namespace halyx_test {
 
 FakeLister::~FakeLister()
@@ -40,7 +42,16 @@ std::vector<HALYX::event_object> FakeLister::enumerate()
     std::unique_lock lock(mutex_);
     ++enumerations_;
     changed_.wait(lock, [this] { return !held_; });
+    if (auto failure = std::exchange(failure_, nullptr)) {
+        std::rethrow_exception(failure);
+    }
     return findings_;
+}
+
+void FakeLister::failNext(std::exception_ptr failure)
+{
+    std::lock_guard lock(mutex_);
+    failure_ = std::move(failure);
 }
 
 void FakeLister::start(Arrival arrival, Removal removal)

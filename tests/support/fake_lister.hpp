@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -24,6 +25,8 @@ public:
     void hold();
     void release();
     int enumerations() const;
+    // The next enumerate() throws this instead of finding anything.
+    void failNext(std::exception_ptr failure);
 
     // Queued to the notification thread (the lister must be started).
     void plug(HALYX::event_object finding);
@@ -43,6 +46,7 @@ private:
     std::condition_variable changed_;
     std::vector<HALYX::event_object> findings_;
     bool held_ = false;
+    std::exception_ptr failure_;
     int enumerations_ = 0;
 
     Arrival arrival_;

@@ -143,6 +143,12 @@ ProgramResult programDevice(halyx_context* context, uint64_t device_id, const st
                                format) != HALYX_SUCCESS) {
         throw std::runtime_error("halyx_fw_create_handle failed for " + path);
     }
+    return programFirmware(context, device_id, firmware, cancel_after_reports);
+}
+
+ProgramResult programFirmware(halyx_context* context, uint64_t device_id, halyx_firmware* firmware,
+                              int cancel_after_reports)
+{
     Collected collected;
     collected.context = context;
     collected.cancel_after = cancel_after_reports;

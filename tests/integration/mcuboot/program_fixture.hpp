@@ -78,6 +78,10 @@ private:
 ProgramResult programDevice(halyx_context* context, uint64_t device_id, const std::string& path, uint32_t format,
                             int cancel_after_reports = 0);
 
+// The same for a firmware handle, which it releases.
+ProgramResult programFirmware(halyx_context* context, uint64_t device_id, halyx_firmware* firmware,
+                              int cancel_after_reports = 0);
+
 // A serial number of this test process's own. The programming lock is named
 // after it, so tests running side by side never share one; the lock's host
 // objects are removed when the process exits.

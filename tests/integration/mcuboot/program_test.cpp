@@ -221,6 +221,14 @@ TEST_P(McubootProfiles, BinHexAndPackageLandByteForByte)
     EXPECT_EQ("Error when programming through MCUBoot: Expected to program a filename ending with .hex, .ihex. or .bin "
               "Please verify filename, file format and stream type. Error code: 602 (Invalid).",
               result.message);
+    // A buffer in a format the boot loader cannot take is refused with 17, unopened too.
+    const std::vector<uint8_t> elf{0x7F, 'E', 'L', 'F', 1, 1, 1, 0};
+    halyx_firmware* firmware = nullptr;
+    ASSERT_EQ(HALYX_SUCCESS,
+              halyx_fw_create_handle(&firmware, elf.data(), elf.size(), HALYX_FW_SOURCE_BUFFER, HALYX_FW_FORMAT_ELF));
+    result = programFirmware(harness.context(), harness.idOf(kSerial), firmware);
+    EXPECT_EQ(HALYX_ERR_OPEN_FAILED, result.code);
+    EXPECT_NE(std::string::npos, result.message.find("Unsupported file stream type")) << result.message;
     EXPECT_EQ(uploads, device_.stats().uploads);
 }
 

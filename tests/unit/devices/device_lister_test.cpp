@@ -134,6 +134,23 @@ TEST(DeviceLister, TimeOutThenStillRunningThenTheResult)
     EXPECT_TRUE(log.waitFor("DeviceLister::enumerate::enumerate_task: Before async_lister->enumarate"));
     EXPECT_TRUE(log.waitFor("DeviceLister::enumerate: done"));
     halyx_free_device_list(context, list);
+
+    // A run that failed after its caller gave up hands its failure to the next caller.
+    context.lister().failNext(std::make_exception_ptr(HALYX::HALYXException(HALYX_ERR_NOT_FOUND, "lister broke")));
+    context.lister().hold();
+    EXPECT_EQ(halyx_enumerate(context, &list), HALYX_ERR_TIMEOUT);
+    context.lister().release();
+    code = HALYX_ERR_TIMEOUT;
+    for (int i = 0; i < 400 && code == HALYX_ERR_TIMEOUT; ++i) {
+        std::this_thread::sleep_for(5ms);
+        code = halyx_enumerate(context, &list);
+    }
+    EXPECT_EQ(code, HALYX_ERR_NOT_FOUND);
+    EXPECT_EQ(lastError(context).message, "lister broke");
+    // And the one after it lists afresh.
+    ASSERT_EQ(halyx_enumerate(context, &list), HALYX_SUCCESS);
+    EXPECT_EQ(list->count, 1u);
+    halyx_free_device_list(context, list);
 }
 
 TEST(DeviceLister, FilterKeepsDevicesWithAnyTrueTraitOfIt)
