@@ -181,30 +181,35 @@ TEST(KitsInSerialRecovery, AreListedWithTheirTraitsAndProgrammedByteForByte)
 TEST(KitsInSerialRecovery, UnpluggedWhileProgrammingFailsWithoutHanging)
 {
     Testbed testbed;
-    const auto serial = halyx_test::uniqueSerial("KU");
-    const auto kit = testbed.plug(HALYX::SIM::cellularKit(serial)).id;
-    auto* loader = testbed.bootloader(kit);
-    ASSERT_NE(loader, nullptr);
-    // Slow answers keep the upload going long enough to pull the cable.
-    loader->setResponseDelay(20ms);
-    auto context = hostContext(1000);
-    const auto id = listBySerial(context.get()).at(serial).at("id").get<uint64_t>();
+    auto stock = HALYX::SIM::mcubootDevice(halyx_test::uniqueSerial("MU"));
+    stock.bootloader.pageEraseTime = std::chrono::microseconds(200);
+    for (const auto& model : {HALYX::SIM::cellularKit(halyx_test::uniqueSerial("KU")), stock}) {
+        SCOPED_TRACE(*model.serialNumber);
+        const auto kit = testbed.plug(model).id;
+        auto* loader = testbed.bootloader(kit);
+        ASSERT_NE(loader, nullptr);
+        // Slow answers keep the upload going long enough to pull the cable.
+        loader->setResponseDelay(20ms);
+        auto context = hostContext(1000);
+        const auto id = listBySerial(context.get()).at(*model.serialNumber).at("id").get<uint64_t>();
 
-    const auto path = halyx_test::tempPath("kit-unplug.bin");
-    randomImage(400000, 11, path);
-    auto run = std::async(std::launch::async,
-                          [&] { return halyx_test::programDevice(context.get(), id, path, HALYX_FW_FORMAT_BINARY); });
-    const auto until = std::chrono::steady_clock::now() + 10s;
-    while (loader->stats().uploads < 3 && std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(5ms);
+        const auto path = halyx_test::tempPath("kit-unplug.bin");
+        randomImage(400000, 11, path);
+        auto run = std::async(std::launch::async, [&] {
+            return halyx_test::programDevice(context.get(), id, path, HALYX_FW_FORMAT_BINARY);
+        });
+        const auto until = std::chrono::steady_clock::now() + 10s;
+        while (loader->stats().uploads < 3 && std::chrono::steady_clock::now() < until) {
+            std::this_thread::sleep_for(5ms);
+        }
+        ASSERT_GE(loader->stats().uploads, 3u) << "the upload did not start";
+        testbed.unplug(kit);
+
+        ASSERT_EQ(run.wait_for(20s), std::future_status::ready) << "programming hung after the kit was unplugged";
+        const auto result = run.get();
+        EXPECT_NE(result.code, HALYX_SUCCESS);
+        EXPECT_NE(result.message.find("Unable to program MCUBoot image"), std::string::npos) << result.message;
     }
-    ASSERT_GE(loader->stats().uploads, 3u) << "the upload did not start";
-    testbed.unplug(kit);
-
-    ASSERT_EQ(run.wait_for(20s), std::future_status::ready) << "programming hung after the kit was unplugged";
-    const auto result = run.get();
-    EXPECT_NE(result.code, HALYX_SUCCESS);
-    EXPECT_NE(result.message.find("Unable to program MCUBoot image"), std::string::npos) << result.message;
 }
 
 } // namespace

@@ -23,9 +23,10 @@ using namespace std::chrono_literals;
 TEST(ToolProgram, JsonLinesAndCtrlC)
 {
     auto stop = std::make_unique<halyx_tool::StopSignal>();
-    auto config = SmpSimulator::Config::permissive();
-    config.frameMax = 127;
-    config.packMax = 2048;
+    // A stock boot loader, its flash quick to erase.
+    auto config = SmpSimulator::Config::mcuboot();
+    config.pageEraseTime = 200us;
+    config.rebootTime = 100ms;
     SmpSimulator device(config);
     const std::string serial = uniqueSerial("TOOLKIT-");
     ProgramHarness harness({{serial, "MCUBOOT", "1234", &device, {}, {}}});
