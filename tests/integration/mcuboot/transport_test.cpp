@@ -248,6 +248,12 @@ TEST(SmpUartTransport, AHostileDeviceCostsBoundedMemoryAndTimesOut)
         stop = true;
         flood.join();
         transport.close();
+#if !defined(__SANITIZE_ADDRESS__)
+        // AddressSanitizer keeps freed memory resident in its quarantine; the
+        // receiver's own bound is checked by its unit test in every build.
         EXPECT_LT(after - before, 16 * 1024) << "kB resident more after the flood";
+#else
+        static_cast<void>(after - before);
+#endif
     }
 }
