@@ -252,6 +252,44 @@ TEST_F(Hotplug, ACallbackMayStopTheEventsItDelivers)
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(events_.pending(), 0u);
     ASSERT_EQ(halyx_start_eventhandler(context_), HALYX_SUCCESS);
+
+    // A context released while its callback stops the events: neither waits for the other.
+    struct Entered {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool inside = false;
+        bool releasing = false;
+    } entered;
+    halyx_context* other = nullptr;
+    ASSERT_EQ(halyx_create_context(&other), HALYX_SUCCESS);
+    ASSERT_EQ(halyx_register_device_event(
+                  other,
+                  [](halyx_context* context, const halyx_device_event_t*, void* self) {
+                      auto* e = static_cast<Entered*>(self);
+                      std::unique_lock lock(e->mutex);
+                      if (e->inside) {
+                          return;
+                      }
+                      e->inside = true;
+                      e->changed.notify_all();
+                      e->changed.wait_for(lock, 200ms, [e] { return e->releasing; });
+                      lock.unlock();
+                      halyx_stop_eventhandler(context);
+                  },
+                  &entered),
+              HALYX_SUCCESS);
+    ASSERT_EQ(halyx_start_eventhandler(other), HALYX_SUCCESS);
+    testbed_.plug(HALYX::SIM::otherVendorDevice("OT-RELEASE"));
+    {
+        std::unique_lock lock(entered.mutex);
+        ASSERT_TRUE(entered.changed.wait_for(lock, 5s, [&] { return entered.inside; }));
+        entered.releasing = true;
+        entered.changed.notify_all();
+    }
+    auto release = std::async(std::launch::async, [other] { return halyx_release_context(other); });
+    ASSERT_EQ(release.wait_for(10s), std::future_status::ready)
+        << "release and the callback's stop wait for each other";
+    EXPECT_EQ(release.get(), HALYX_SUCCESS);
 }
 
 } // namespace
