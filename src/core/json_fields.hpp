@@ -32,4 +32,12 @@ inline std::optional<std::string> optionalString(const nlohmann::json& object, c
     return it->get<std::string>();
 }
 
+// The text of a JSON value. Texts a device or a caller gave need not be
+// UTF-8; their bad bytes become U+FFFD instead of making the dump throw.
+template <typename Json>
+std::string jsonText(const Json& value, int indent = -1)
+{
+    return value.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
 } // namespace HALYX

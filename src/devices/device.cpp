@@ -101,7 +101,7 @@ void Device::updateFromJson(const json& device)
     }
     for (const auto& [key, value] : device.items()) {
         if (!isRecordKey(key)) {
-            sections[key] = value.dump();
+            sections[key] = jsonText(value);
         }
     }
 }

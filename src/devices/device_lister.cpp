@@ -8,6 +8,7 @@
 #include <fmt/ranges.h>
 
 #include "core/halyx_exception.hpp"
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 #include "core/timeouts.hpp"
 
@@ -217,7 +218,7 @@ std::string DeviceLister::deviceJson(uint64_t id) const
     if (!device) {
         throw HALYXException(HALYX_ERR_NOT_FOUND, "device not found");
     }
-    return device->toJson().dump();
+    return jsonText(device->toJson());
 }
 
 std::optional<nlohmann::json> DeviceLister::document(uint64_t id) const

@@ -1,5 +1,7 @@
 #include "devices/device_view.hpp"
 
+#include "core/json_fields.hpp"
+
 namespace HALYX {
 
 const char* DeviceView::keep(const std::optional<std::string>& text)
@@ -39,7 +41,7 @@ DeviceView::DeviceView(const Device& device)
     view_.serial_ports = ports_.data();
     view_.serial_port_count = ports_.size();
 
-    view_.json = keep(device.toJson().dump());
+    view_.json = keep(jsonText(device.toJson()));
 }
 
 DeviceListView::DeviceListView(const std::vector<Device>& devices)

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "core/halyx_exception.hpp"
+#include "core/json_fields.hpp"
 
 namespace HALYX {
 
@@ -37,14 +38,14 @@ void Operation::progress(const std::string& step, const std::string& message, in
 void Operation::progress(const nlohmann::json& report) const
 {
     if (callbacks_.progress != nullptr) {
-        emitProgress(report.dump());
+        emitProgress(jsonText(report));
     }
 }
 
 void Operation::progress(const nlohmann::ordered_json& report) const
 {
     if (callbacks_.progress != nullptr) {
-        emitProgress(report.dump());
+        emitProgress(jsonText(report));
     }
 }
 

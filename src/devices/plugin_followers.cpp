@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 namespace HALYX {
@@ -52,7 +53,7 @@ void PluginFollowers::tell(const Device& device, halyx_device_event_type_t type)
             }
         }
     }
-    const auto text = device.toJson().dump();
+    const auto text = jsonText(device.toJson());
     for (const auto& plugin : plugins) {
         try {
             plugin->onDeviceEvent(text, static_cast<uint32_t>(type), std::string());

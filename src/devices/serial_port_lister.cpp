@@ -79,7 +79,7 @@ void SerialPortLister::enumerate(json& document, const DeviceChanged& changed, c
         }
         event_object finding;
         finding.sectionName = "serialPorts";
-        finding.sectionJson = json::array({serialPortToJson(port)}).dump();
+        finding.sectionJson = jsonText(json::array({serialPortToJson(port)}));
         finding.traits["serialPorts"] = true;
         found(finding);
     }

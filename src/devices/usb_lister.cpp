@@ -115,7 +115,7 @@ event_object USBLister::toFinding(const USBDevice& device)
         finding.traits["kelvaneUsb"] = true;
     }
     finding.sectionName = "usb";
-    finding.sectionJson = device.toJson().dump();
+    finding.sectionJson = jsonText(device.toJson());
     return finding;
 }
 
@@ -139,7 +139,7 @@ std::vector<event_object> USBLister::describe(DeviceAccess& devices, const std::
         finding.serialNumber = optionalString(*document, "serialNumber");
         finding.usbIdentifier = optionalString(*document, "usbIdentifier");
         finding.sectionName = "usb";
-        finding.sectionJson = section.dump();
+        finding.sectionJson = jsonText(section);
         findings.push_back(std::move(finding));
     }
 

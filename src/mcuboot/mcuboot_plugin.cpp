@@ -8,6 +8,7 @@
 
 #include "core/firmware.hpp"
 #include "core/halyx_exception.hpp"
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 #include "devices/known_kits.hpp"
 #include "image/firmware_format.hpp"
@@ -169,7 +170,7 @@ uint32_t unsignedSetting(const json& value, const char* key, uint32_t maximum, u
     if (!value.is_number_unsigned() || value.get<uint64_t>() > maximum || value.get<uint64_t>() < minimum) {
         throw HALYXException(
             HALYX_ERR_INVALID_ARGUMENT,
-            fmt::format("{} must be an unsigned number from {} to {}, is {}", key, minimum, maximum, value.dump()));
+            fmt::format("{} must be an unsigned number from {} to {}, is {}", key, minimum, maximum, jsonText(value)));
     }
     return value.get<uint32_t>();
 }

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 namespace HALYX::MCUBOOT {
@@ -57,7 +58,7 @@ void ProgressReporter::report(const std::string& message, int percentage, McuBoo
     record["errorCode"] = toNumber(result);
     if (step_ > steps) {
         Log::warn("Step count is larger than expected (got: {}; expected: {}). JSON dump: {}", step_, steps,
-                  record.dump());
+                  jsonText(record));
     }
     if (sink_) {
         sink_(record);

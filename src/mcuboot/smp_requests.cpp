@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 namespace HALYX::MCUBOOT {
@@ -32,7 +33,7 @@ uint32_t unsignedField(const json& map, const char* key)
 {
     const auto& value = map.at(key);
     if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX) {
-        throw SmpException(std::string(key) + " is not an unsigned 32-bit integer: " + value.dump());
+        throw SmpException(std::string(key) + " is not an unsigned 32-bit integer: " + jsonText(value));
     }
     return value.get<uint32_t>();
 }
@@ -99,7 +100,7 @@ WriteResponse decodeWriteResponse(const SmpPacket& response)
         Log::error("Error parsing CBOR payload, {}", e.what());
         throw McuBootFailure(McuBootError::Invalid, fmt::format("Error parsing CBOR payload, {}", e.what()));
     }
-    Log::debug("rx: {}", map.dump());
+    Log::debug("rx: {}", jsonText(map));
     const auto rc = map.is_object() ? map.find("rc") : map.end();
     if (!map.is_object() || rc == map.end() || !rc->is_number_integer()) {
         Log::error("CBOR response does not contain attribute rc (mandatory)");
@@ -127,7 +128,7 @@ uint32_t chunkResponseOffset(const SmpPacket& response)
     const auto map = checkWriteResponse(response);
     const auto off = map.find("off");
     if (off == map.end() || !off->is_number_unsigned() || off->get<uint64_t>() > UINT32_MAX) {
-        const auto message = fmt::format("Chunk answered without a valid offset: {}", map.dump());
+        const auto message = fmt::format("Chunk answered without a valid offset: {}", jsonText(map));
         Log::error("{}", message);
         throw McuBootFailure(McuBootError::BadState, message);
     }
@@ -150,7 +151,7 @@ std::optional<uint32_t> parseBufferSize(const SmpPacket& response)
     try {
         const auto map = json::from_cbor(response.payload());
         const auto size = unsignedField(map, "buf_size");
-        Log::info("Device buffer size {} (buf_count {})", size, map.value("buf_count", json()).dump());
+        Log::info("Device buffer size {} (buf_count {})", size, jsonText(map.value("buf_count", json())));
         return size;
     } catch (const std::exception& e) {
         Log::info("No MCUmgr parameters from the device: {}", e.what());

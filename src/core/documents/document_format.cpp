@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "core/json_fields.hpp"
+
 namespace HALYX::Documents {
 
 std::string formatName(uint32_t format)
@@ -26,7 +28,7 @@ void requireJsonFormat(uint32_t format)
 
 std::string dump(const nlohmann::json& document, uint32_t format)
 {
-    return format == HALYX_DOC_FORMAT_JSON_PRETTY ? document.dump(4, ' ') : document.dump();
+    return format == HALYX_DOC_FORMAT_JSON_PRETTY ? HALYX::jsonText(document, 4) : HALYX::jsonText(document);
 }
 
 } // namespace HALYX::Documents

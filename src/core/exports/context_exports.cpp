@@ -5,6 +5,7 @@
 
 #include "core/call_guard.hpp"
 #include "core/context.hpp"
+#include "core/json_fields.hpp"
 #include "core/logging.hpp"
 
 using HALYX::HALYXException;
@@ -87,7 +88,7 @@ halyx_errorcode_t reportNames(halyx_context* context, halyx_json_callback_t call
 {
     return HALYX::guardedCall(context, [&](halyx_context& ctx) {
         HALYX::requireArgument(callback, function, "callback");
-        const auto text = nlohmann::json((ctx.plugins.*names)()).dump();
+        const auto text = HALYX::jsonText(nlohmann::json((ctx.plugins.*names)()));
         callback(user_data, text.c_str());
         return HALYX_SUCCESS;
     });
