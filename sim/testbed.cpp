@@ -3,6 +3,7 @@
 #include <linux/usbdevice_fs.h>
 #include <sys/ioctl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -61,6 +62,35 @@ std::vector<uint8_t> stringDescriptor(const std::string& text)
 } // namespace
 
 // Answers a kit's control transfers on usbfs. Runs on umockdev's worker thread.
+// Counts a node's open files, so that the handler of a removed node can go
+// once the last client has closed it.
+class OpenFiles {
+public:
+    explicit OpenFiles(UMockdevIoctlBase* handler) : handler_(handler)
+    {
+        g_signal_connect(handler_, "client-connected", G_CALLBACK(&OpenFiles::onConnected), this);
+        g_signal_connect(handler_, "client-vanished", G_CALLBACK(&OpenFiles::onVanished), this);
+    }
+    ~OpenFiles() { g_signal_handlers_disconnect_by_data(handler_, this); }
+    OpenFiles(const OpenFiles&) = delete;
+    OpenFiles& operator=(const OpenFiles&) = delete;
+
+    bool any() const { return count_ > 0; }
+
+private:
+    static void onConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self)
+    {
+        ++static_cast<OpenFiles*>(self)->count_;
+    }
+    static void onVanished(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self)
+    {
+        --static_cast<OpenFiles*>(self)->count_;
+    }
+
+    UMockdevIoctlBase* handler_;
+    std::atomic<int> count_{0};
+};
+
 class UsbResponder {
 public:
     explicit UsbResponder(KitModel model) : model_(std::move(model)), handler_(umockdev_ioctl_base_new())
@@ -77,6 +107,7 @@ public:
         }
     }
     UMockdevIoctlBase* handler() const { return handler_.get(); }
+    bool inUse() const { return open_files_.any(); }
 
 private:
     // The reply to a control request, or nullopt for a stall.
@@ -218,6 +249,7 @@ private:
 
     const KitModel model_;
     GPtr<UMockdevIoctlBase> handler_;
+    OpenFiles open_files_{handler_.get()};
     std::mutex mutex_;
     // Per open file, as the kernel keeps them: a URB is reaped only through
     // the file that submitted it. Each holds a reference.
@@ -233,6 +265,7 @@ public:
         g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(&TtyForwarder::onIoctl), nullptr);
     }
     UMockdevIoctlBase* handler() const { return handler_.get(); }
+    bool inUse() const { return open_files_.any(); }
 
 private:
     static gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer)
@@ -244,6 +277,7 @@ private:
     }
 
     GPtr<UMockdevIoctlBase> handler_;
+    OpenFiles open_files_{handler_.get()};
 };
 
 Testbed::Testbed() : testbed_(umockdev_testbed_new())
@@ -453,6 +487,22 @@ void Testbed::detachKit(const Kit& kit)
         umockdev_testbed_uevent(testbed_, it->c_str(), "remove");
         umockdev_testbed_remove_device(testbed_, it->c_str());
     }
+    releaseClosed(retired_responders_);
+    releaseClosed(retired_forwarders_);
+}
+
+// Handlers of removed nodes that nobody has open any more: a test that plugs
+// and unplugs for hours must not keep every one.
+template <typename Handler>
+void Testbed::releaseClosed(std::vector<std::pair<std::string, std::unique_ptr<Handler>>>& retired)
+{
+    std::erase_if(retired, [this](const auto& entry) {
+        if (entry.second->inUse()) {
+            return false;
+        }
+        umockdev_testbed_detach_ioctl(testbed_, entry.first.c_str(), nullptr);
+        return true;
+    });
 }
 
 // On a boot loader's thread: only queue, the reboot thread does the rest.

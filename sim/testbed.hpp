@@ -99,6 +99,8 @@ private:
     void serveReboots();
     bool takeAway(unsigned id);
     void bringBack(unsigned id);
+    template <typename Handler>
+    void releaseClosed(std::vector<std::pair<std::string, std::unique_ptr<Handler>>>& retired);
 
     UMockdevTestbed* testbed_ = nullptr;
     mutable std::mutex mutex_;
@@ -107,8 +109,8 @@ private:
     std::map<std::string, std::unique_ptr<UsbResponder>> usb_responders_;
     // Those of nodes already removed: a client may still have the node open,
     // and ends up with an I/O error on it, as with a kernel, rather than with
-    // the preload failing when its handler goes away. Node names are never
-    // reused, so they stay until the testbed goes.
+    // the preload failing when its handler goes away. They go once nobody
+    // has them open (see releaseClosed).
     std::vector<std::pair<std::string, std::unique_ptr<UsbResponder>>> retired_responders_;
     std::vector<std::pair<std::string, std::unique_ptr<TtyForwarder>>> retired_forwarders_;
     std::map<std::string, std::unique_ptr<TtyForwarder>> tty_forwarders_;
